@@ -1,0 +1,31 @@
+// WebBrowser: the in-process launcher of the counter-terminal pages' browser. It keeps the
+// data of the last page it opened and hands it to any page that asks with a message "@...".
+#pragma once
+
+#include "app/configini.h"
+
+#include <QObject>
+#include <QString>
+
+#include <utility>
+
+class QWebSocket;
+
+class WebBrowser : public QObject {
+    Q_OBJECT
+public:
+    static WebBrowser* instance();
+
+    // A text message from a page: one that begins with "@" gets the stored page data back.
+    void recvMessage(QString message, QWebSocket* socket);
+
+    QString pageData() const { return m_pageData; }
+    // Keeps the data of the page being opened, for the page to fetch with "@".
+    void setPageData(QString data) { m_pageData = std::move(data); }
+    const ConfigIni& settings() const { return m_config; }
+
+private:
+    WebBrowser();
+    ConfigIni m_config;
+    QString m_pageData;
+};

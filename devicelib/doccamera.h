@@ -1,0 +1,110 @@
+// The document-camera library: preview, frames, camera settings, still capture, codecs,
+// USB identification, file operations and version.
+//
+// These are the library's C entry points as the server calls them. The portable device
+// library (devicelib/portable) implements every one; a vendor library whose declarations
+// differ is linked through a thin shim that provides exactly these (see README).
+//
+// Texts: paths and names are NUL-terminated UTF-8. A "heap text" result is allocated with
+// malloc and released by the caller with free(); an "owned text" stays the library's and
+// is valid until the same function is called again on the same thread.
+#pragma once
+
+#include <utility>
+#include <vector>
+
+class QImage;
+namespace cv { class Mat; }
+
+// A listener for the camera's capture button: (state, unused...). state 1 means pressed.
+typedef void (*CapturePinListener)(int state, int reserved1, int reserved2, unsigned int reserved3,
+                                   int reserved4, void* context);
+
+extern "C" {
+
+// --- version ---------------------------------------------------------------------------
+void doccameraVeriosn(char* buffer, int capacity);
+
+// --- codecs ------------------------------------------------------------------------------
+char* Base64Encode(const char* path);                       // heap text, NULL when unreadable
+bool Base64Decode(const char* base64, const char* path);   // writes the decoded bytes to path
+
+// --- identification -------------------------------------------------------------------------
+char* sGetDevicesId(void);    // heap text: "usb#vid_xxxx&pid_xxxx" entries joined by ";"
+char* sEnumUSBDevice(void);   // heap text: "vid:pid name" entries joined by ";"
+char* sGetSerialNum(void);    // heap text
+
+// --- files -----------------------------------------------------------------------------------
+bool bDeleteFile(const char* path);          // to the desktop trash
+bool bDeleteFileForever(const char* path);
+bool bCopyFile(const char* source, const char* destination);
+bool bMoveFile(const char* source, const char* destination);
+bool bReNameFile(const char* oldPath, const char* newPath);
+bool bFileIsExist(const char* path);
+bool bDirIsExist(const char* path);
+bool bCreateDir(const char* path);
+bool OpenFile(const char* path);
+bool bDispPath(const char* path);
+bool IsExeExist(void);
+const char* sGetAllFormatFiles(const char* dir, const char* format);   // owned text
+
+// --- preview -------------------------------------------------------------------------------
+bool bStartPlay(int rotate);
+bool bStartPlay2(int rotate);
+bool bStartPlay3(int rotate);
+bool bStartPlay5(int rotate);
+bool bStartPlay6(int rotate);
+bool bStartPlay8(int rotate);
+bool bStartPlay9(int rotate);
+bool bStartPlayOpen(void);
+bool bStopPlay(void);
+bool bStartPlay4(void);
+bool bStopPlay4(void);
+bool bAVPreview(long long first, long long second);
+void vSetImageDispFlag(bool flag);
+bool bStopRec(void);
+bool getVideoFrame(QImage& frame);        // waits up to 1 s for a frame newer than the last one
+bool getVideoFrameMat(cv::Mat& frame);    // newest frame at once, BGR
+bool getVideoFrameMatEx(cv::Mat& frame);  // newest frame at once, BGR, full size
+
+// --- camera settings ---------------------------------------------------------------------------
+bool bSetMode(int mode);                  // 0 colour, 1 grey, 2 black and white
+void vSetCamaraMode(short mode);
+void vSetResolutionEx(int camera, int index);
+void setResolution(int camera, int width, int height);
+int iGetResolutionX(int camera);
+int iGetResolutionY(int camera);
+void getResolutionIndex(int camera, std::vector<std::pair<double, double>>& sizes);
+void vSetRotate(short angle);
+short iGetRotate(void);
+void vSetFlip(short mode);
+short iGetFlip(void);
+bool vSetExposure(int value);
+bool vSetBrightness(int value);
+bool vSetContrast(int value);
+bool AutoFocus(void);
+bool vSetDPI(long long x, long long y);
+void vGetDPI(int* x, int* y);
+bool bSetImageArea(int x1, int y1, int x2, int y2);
+long lGetImageAreaX1(void);
+long lGetImageAreaY1(void);
+long lGetImageAreaX2(void);
+long lGetImageAreaY2(void);
+bool vSetImageQuality(int quality);
+short sGetImageQuality(void);
+bool bSetBookScannerMode(int mode);
+int igetBookScannerMode(void);
+void vSetCapturePin(CapturePinListener listener);
+
+// --- still capture ------------------------------------------------------------------------------
+bool bSaveJPG(const char* dir, const char* name);
+bool bSaveTifJPG(const char* dir, const char* name);
+bool bSaveGray(const char* dir, const char* name);
+bool bSaveTIF(const char* dir, const char* name);
+bool bSaveBMP(const char* dir, const char* name);
+bool bSavePNG(const char* dir, const char* name);
+bool bSaveGrayAndTIF(const char* dir1, const char* name1, const char* dir2, const char* name2);
+bool SplitPic(const char* source, const char* prefix);
+const char* sGetImageBase64_Byte(int quality);   // owned text
+
+}  // extern "C"

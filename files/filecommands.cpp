@@ -1,0 +1,98 @@
+// File and folder commands: thin forwards to the device library's file functions.
+// One-path commands take the whole argument text (so a path may hold ","); two-path commands
+// split at "," and need both parts.
+#include "devicelib/doccamera.h"
+#include "dispatch/args.h"
+#include "dispatch/messagerun.h"
+#include "dispatch/replies.h"
+
+namespace {
+
+using OnePath = bool (*)(const char*);
+using TwoPaths = bool (*)(const char*, const char*);
+
+QString onePath(const QString& name, const QString& args, OnePath fn)
+{
+    const QByteArray path = args.toUtf8();
+    return reply::send(reply::framedBool(name, fn(path.constData())));
+}
+
+QString twoPaths(const QString& name, const QString& args, TwoPaths fn)
+{
+    const Args a = Args::split(args);
+    if (a.count() < 2)
+        return reply::send(reply::framedFalse(name));
+    return reply::send(reply::framedBool(name, fn(a.utf8(0).constData(), a.utf8(1).constData())));
+}
+
+}  // namespace
+
+QString MessageRun::bDeleteFile_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::bDeleteFile);
+}
+
+QString MessageRun::bDeleteFileForever_callback(QString name, QString args, MessageRun*)
+{
+    // Only the first field is the path; further fields are ignored.
+    return onePath(name, Args::split(args).text(0), ::bDeleteFileForever);
+}
+
+QString MessageRun::bCopyFile_callback(QString name, QString args, MessageRun*)
+{
+    return twoPaths(name, args, ::bCopyFile);
+}
+
+QString MessageRun::bMoveFile_callback(QString name, QString args, MessageRun*)
+{
+    return twoPaths(name, args, ::bMoveFile);
+}
+
+QString MessageRun::bReNameFile_callback(QString name, QString args, MessageRun*)
+{
+    return twoPaths(name, args, ::bReNameFile);
+}
+
+QString MessageRun::bFileIsExist_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::bFileIsExist);
+}
+
+QString MessageRun::bDirIsExist_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::bDirIsExist);
+}
+
+QString MessageRun::bCreateDir_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::bCreateDir);
+}
+
+QString MessageRun::OpenFile_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::OpenFile);
+}
+
+QString MessageRun::bDispPath_callback(QString name, QString args, MessageRun*)
+{
+    return onePath(name, args, ::bDispPath);
+}
+
+QString MessageRun::IsExeExist_callback(QString name, QString, MessageRun*)
+{
+    return reply::send(reply::framedBool(name, ::IsExeExist()));
+}
+
+QString MessageRun::sGetTempPath_callback(QString name, QString, MessageRun*)
+{
+    return reply::send(reply::framed(name, QStringLiteral("/tmp")));
+}
+
+QString MessageRun::sGetAllFormatFiles_callback(QString name, QString args, MessageRun*)
+{
+    const Args a = Args::split(args);
+    if (a.count() < 2)
+        return reply::send(reply::framed(name, QString()));
+    const char* files = ::sGetAllFormatFiles(a.utf8(0).constData(), a.utf8(1).constData());
+    return reply::send(reply::framed(name, files ? QString::fromUtf8(files) : QString()));
+}
