@@ -1,0 +1,23 @@
+// StopRecThread: waits, off the dispatcher's thread, for a stopped recording to finish its file
+// and then reports the final answer to every page on sig_msg. Started by each successful stop
+// request; it ends after its single message.
+#pragma once
+
+#include <QByteArray>
+#include <QThread>
+
+class StopRecThread : public QThread {
+    Q_OBJECT
+public:
+    static StopRecThread* instance();
+    ~StopRecThread() override;
+
+signals:
+    void sig_msg(QByteArray);
+
+protected:
+    void run() override;
+
+private:
+    StopRecThread() = default;
+};
