@@ -1,8 +1,8 @@
 #include "camera/captureimgthread.h"
+#include "camera/previewframe.h"
 
 #include "devicelib/doccamera.h"
 
-#include <QBuffer>
 #include <QDebug>
 #include <QImage>
 #include <QList>
@@ -167,17 +167,7 @@ void CaptureImgThread::Private::fetchFrame()
         if (failures == 0)
             return;
     } else {
-        // The page asks for its size; a tiny camera frame is not blown up beyond tenfold.
-        const int w = previewWidth;
-        const int h = previewHeight;
-        const QImage scaled = (w < 10 * frame.width() && h < 10 * frame.height())
-            ? frame.scaled(w, h, Qt::IgnoreAspectRatio, Qt::FastTransformation)
-            : frame.scaled(10 * frame.width(), 10 * frame.height(), Qt::IgnoreAspectRatio, Qt::FastTransformation);
-        QByteArray jpeg;
-        QBuffer buffer(&jpeg);
-        buffer.open(QIODevice::WriteOnly);
-        scaled.save(&buffer, "jpg", -1);
-        emit q->sig_msg(jpeg.toBase64());
+        emit q->sig_msg(previewFrameBase64(frame, previewWidth, previewHeight));
         failures = 0;
         return;
     }

@@ -1,31 +1,14 @@
 // FaceMatchThread: the worker that compares two face images off the dispatcher's thread
-// and reports the score to every page on sig_msg. It idles in its wait between requests.
+// and reports the score to every page on sig_msg.
 #pragma once
 
-#include <QByteArray>
-#include <QMutex>
-#include <QThread>
-#include <QWaitCondition>
+#include "identity/workerthread.h"
 
-class FaceMatchThread : public QThread {
+class FaceMatchThread : public WorkerThread {
     Q_OBJECT
 public:
     static FaceMatchThread* instance();
-    ~FaceMatchThread() override;
-
-    // Ends the loop at its next pass (the name is the one the callers use).
-    void destory();
-
-signals:
-    void sig_msg(QByteArray);
-
-protected:
-    void run() override;
 
 private:
     FaceMatchThread();
-
-    QMutex m_mutex;
-    QWaitCondition m_wait;
-    bool m_running = true;
 };

@@ -16,7 +16,12 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
+
+#ifdef __linux__
+#include <pthread.h>
+#endif
 
 namespace portable {
 
@@ -134,6 +139,10 @@ private:
         }
         m_stop = false;
         m_thread = std::thread([this] { grabLoop(); });
+#ifdef __linux__
+        // Named, so that a thread listing of the server tells the camera's own work apart.
+        pthread_setname_np(m_thread.native_handle(), ("camgrab " + std::to_string(m_number)).c_str());
+#endif
         return true;
     }
 

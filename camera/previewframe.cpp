@@ -1,0 +1,16 @@
+#include "camera/previewframe.h"
+
+#include <QBuffer>
+
+QByteArray previewFrameBase64(const QImage& frame, int width, int height)
+{
+    // The page asks for its size; a tiny camera frame is not blown up beyond tenfold.
+    const QImage scaled = (width < 10 * frame.width() && height < 10 * frame.height())
+        ? frame.scaled(width, height, Qt::IgnoreAspectRatio, Qt::FastTransformation)
+        : frame.scaled(10 * frame.width(), 10 * frame.height(), Qt::IgnoreAspectRatio, Qt::FastTransformation);
+    QByteArray jpeg;
+    QBuffer buffer(&jpeg);
+    buffer.open(QIODevice::WriteOnly);
+    scaled.save(&buffer, "jpg", -1);
+    return jpeg.toBase64();
+}

@@ -1,0 +1,31 @@
+// WorkerThread: what the identity workers share. Each is a thread that starts when it is first
+// reached, waits on its condition for a job, reports on sig_msg, and is stopped and joined by
+// its destructor so the process exits cleanly.
+#pragma once
+
+#include <QByteArray>
+#include <QMutex>
+#include <QThread>
+#include <QWaitCondition>
+
+class WorkerThread : public QThread {
+    Q_OBJECT
+public:
+    ~WorkerThread() override;
+
+    // Ends the loop at its next pass (the name is the one the callers use).
+    void destory();
+
+signals:
+    void sig_msg(QByteArray);
+
+protected:
+    WorkerThread();
+    // Subclasses call start() at the end of their constructor. One that overrides run() must
+    // call destory() and wait() in its own destructor, before its members go.
+    void run() override;
+
+    QMutex m_mutex;
+    QWaitCondition m_wait;
+    bool m_running = true;
+};
