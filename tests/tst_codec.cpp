@@ -9,33 +9,28 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <memory>
+
 class TestCodec : public QObject {
     Q_OBJECT
 
 private:
     QTemporaryDir m_dir;
+    MessageRun m_run;
+    std::unique_ptr<PagePair> m_page;
 
     QString path(const QString& name) const { return m_dir.filePath(name); }
-    void write(const QString& name, const QByteArray& bytes)
-    {
-        QFile f(path(name));
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write(bytes);
-    }
-    QByteArray read(const QString& name) const
-    {
-        QFile f(path(name));
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
-    }
+    QString run(const QString& command) { return runCommand(m_run, *m_page, command); }
 
 private slots:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
         portable::loadProfileText(QByteArray());
+        m_page = std::make_unique<PagePair>();
+        QVERIFY(m_page->isConnected());
     }
-
-    // --- codec -----------------------------------------------------------------------------
+    void cleanupTestCase() { m_page.reset(); }
 
     void encode_data()
     {
@@ -96,8 +91,6 @@ private slots:
         }
     }
 
-    // --- commands ----------------------------------------------------------------------------
-
     void encodeCommand_data()
     {
         QTest::addColumn<QByteArray>("content");   // null: no such file
@@ -114,12 +107,9 @@ private slots:
         QFETCH(QString, result);
         const QString file = path(QStringLiteral("enc-%1.bin").arg(QTest::currentDataTag()));
         if (!content.isNull())
-            write(QFileInfo(file).fileName(), content);
-        MessageRun run;
-        PagePair page;
-        QVERIFY(page.isConnected());
+            QVERIFY(writeFile(file, content));
         Trace trace;
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Encode(%1)").arg(file)),
+        QCOMPARE(run(QStringLiteral("Base64Encode(%1)").arg(file)),
                  QStringLiteral("BeginBase64Encode%1EndBase64Encode").arg(result));
         const QList<QJsonObject> calls = trace.callsOf(QStringLiteral("Base64Encode"));
         QCOMPARE(calls.size(), 1);
@@ -129,54 +119,36 @@ private slots:
 
     void decodeCommand_data()
     {
-        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("args");   // %F: a file in the test folder
         QTest::addColumn<QString>("reply");
         QTest::addColumn<QByteArray>("written");   // null: the file is not written
-        QTest::newRow("three bytes") << "Zm9v" << "true" << QByteArray("foo");
-        QTest::newRow("padded") << "Zg==" << "true" << QByteArray("\x66");
-        QTest::newRow("binary") << "/9j/4A==" << "true" << QByteArray("\xff\xd8\xff\xe0");
-        QTest::newRow("not base64") << "Zm9v!!" << "false" << QByteArray();
-        QTest::newRow("padding inside") << "Zg==Zg==" << "false" << QByteArray();
-        QTest::newRow("lone character") << "Zm9vY" << "false" << QByteArray();
-        QTest::newRow("empty text") << "" << "false" << QByteArray();
+        QTest::addColumn<int>("libraryCalls");
+        QTest::newRow("three bytes") << "Zm9v,%F" << "true" << QByteArray("foo") << 1;
+        QTest::newRow("padded") << "Zg==,%F" << "true" << QByteArray("\x66") << 1;
+        QTest::newRow("binary") << "/9j/4A==,%F" << "true" << QByteArray("\xff\xd8\xff\xe0") << 1;
+        QTest::newRow("not base64") << "Zm9v!!,%F" << "false" << QByteArray() << 1;
+        QTest::newRow("padding inside") << "Zg==Zg==,%F" << "false" << QByteArray() << 1;
+        QTest::newRow("lone character") << "Zm9vY,%F" << "false" << QByteArray() << 1;
+        QTest::newRow("empty text") << ",%F" << "false" << QByteArray() << 1;
+        QTest::newRow("folder does not exist") << "Zm9v,%F/no-such-folder/out.bin" << "false" << QByteArray() << 1;
+        QTest::newRow("one piece: library not called") << "Zm9v" << "false" << QByteArray() << 0;
     }
 
     void decodeCommand()
     {
-        QFETCH(QString, text);
+        QFETCH(QString, args);
         QFETCH(QString, reply);
         QFETCH(QByteArray, written);
+        QFETCH(int, libraryCalls);
         const QString file = path(QStringLiteral("dec-%1.bin").arg(QTest::currentDataTag()));
-        MessageRun run;
-        PagePair page;
-        QVERIFY(page.isConnected());
         Trace trace;
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Decode(%1,%2)").arg(text, file)),
+        QCOMPARE(run("Base64Decode(" + QString(args).replace("%F", file) + ")"),
                  QStringLiteral("BeginBase64Decode%1EndBase64Decode").arg(reply));
-        QCOMPARE(trace.callsOf(QStringLiteral("Base64Decode")).size(), 1);
+        QCOMPARE(trace.callsOf(QStringLiteral("Base64Decode")).size(), libraryCalls);
         if (written.isNull())
             QVERIFY(!QFile::exists(file));
         else
-            QCOMPARE(read(QFileInfo(file).fileName()), written);
-    }
-
-    void decodeCommandWithOnePieceDoesNotCallTheLibrary()
-    {
-        MessageRun run;
-        PagePair page;
-        QVERIFY(page.isConnected());
-        Trace trace;
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Decode(Zm9v)")), QStringLiteral("BeginBase64DecodefalseEndBase64Decode"));
-        QVERIFY(trace.callsOf(QStringLiteral("Base64Decode")).isEmpty());
-    }
-
-    void decodeToAFolderThatDoesNotExistFails()
-    {
-        MessageRun run;
-        PagePair page;
-        const QString file = path(QStringLiteral("no-such-folder/out.bin"));
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Decode(Zm9v,%1)").arg(file)),
-                 QStringLiteral("BeginBase64DecodefalseEndBase64Decode"));
+            QCOMPARE(readFile(file), written);
     }
 
     void roundTripThroughThePage()
@@ -184,24 +156,19 @@ private slots:
         QByteArray bytes(3001, '\0');
         for (char& c : bytes)
             c = static_cast<char>(QRandomGenerator::global()->bounded(256));
-        write(QStringLiteral("source.bin"), bytes);
-        MessageRun run;
-        PagePair page;
-        const QString encoded = runCommand(run, page, QStringLiteral("Base64Encode(%1)").arg(path("source.bin")));
-        QVERIFY(encoded.startsWith(QLatin1String("BeginBase64Encode")));
-        const QString text = encoded.mid(17, encoded.size() - 17 - 15);
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Decode(%1,%2)").arg(text, path("copy.bin"))),
+        QVERIFY(writeFile(path("source.bin"), bytes));
+        const QString text = between(run(QStringLiteral("Base64Encode(%1)").arg(path("source.bin"))), "Base64Encode");
+        QVERIFY(!text.isEmpty());
+        QCOMPARE(run(QStringLiteral("Base64Decode(%1,%2)").arg(text, path("copy.bin"))),
                  QStringLiteral("BeginBase64DecodetrueEndBase64Decode"));
-        QCOMPARE(read(QStringLiteral("copy.bin")), bytes);
+        QCOMPARE(readFile(path("copy.bin")), bytes);
     }
 
     void scriptedEncodeReply()
     {
-        MessageRun run;
-        PagePair page;
         portable::setScript(QStringLiteral("Base64Encode"), QJsonArray{QStringLiteral("c2NyaXB0"), QJsonValue()});
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Encode(/nothing)")), QStringLiteral("BeginBase64Encodec2NyaXB0EndBase64Encode"));
-        QCOMPARE(runCommand(run, page, QStringLiteral("Base64Encode(/nothing)")), QStringLiteral("BeginBase64EncodeEndBase64Encode"));
+        QCOMPARE(run(QStringLiteral("Base64Encode(/nothing)")), QStringLiteral("BeginBase64Encodec2NyaXB0EndBase64Encode"));
+        QCOMPARE(run(QStringLiteral("Base64Encode(/nothing)")), QStringLiteral("BeginBase64EncodeEndBase64Encode"));
     }
 };
 

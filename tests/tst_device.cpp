@@ -21,11 +21,8 @@ void addDevice(const QString& root, const QString& name, const QByteArray& vid, 
     const QList<QPair<const char*, QByteArray>> attributes{
         {"idVendor", vid}, {"idProduct", pid}, {"product", product}, {"manufacturer", manufacturer}};
     for (const auto& a : attributes) {
-        if (a.second.isEmpty())
-            continue;
-        QFile f(dir + "/" + a.first);
-        if (f.open(QIODevice::WriteOnly))
-            f.write(a.second + "\n");
+        if (!a.second.isEmpty())
+            writeFile(dir + "/" + a.first, a.second + "\n");
     }
 }
 

@@ -2,6 +2,7 @@
 #include "devicelib/cardreader.h"
 #include "devicelib/doccamera.h"
 #include "devicelib/portable/core.h"
+#include "fixture.h"
 
 #include <QFile>
 #include <QJsonDocument>
@@ -9,38 +10,16 @@
 #include <QTest>
 
 #include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
 using namespace portable;
 
+using Call = std::function<void()>;
+Q_DECLARE_METATYPE(Call)
+
 namespace {
-
-QStringList* g_lines = nullptr;
-QtMessageHandler g_previous = nullptr;
-
-void captureHandler(QtMsgType type, const QMessageLogContext& context, const QString& message)
-{
-    if (g_lines && message.startsWith(QLatin1String("devicelib: ")))
-        g_lines->append(message);
-    else if (g_previous)
-        g_previous(type, context, message);
-}
-
-// The library's log lines while it lives.
-struct LogCapture {
-    QStringList lines;
-    LogCapture()
-    {
-        g_lines = &lines;
-        g_previous = qInstallMessageHandler(captureHandler);
-    }
-    ~LogCapture()
-    {
-        qInstallMessageHandler(g_previous);
-        g_lines = nullptr;
-    }
-};
 
 QString serial()
 {
@@ -82,12 +61,8 @@ private:
     QString tracePath() const { return m_dir.filePath(QStringLiteral("trace.jsonl")); }
     QList<QByteArray> traceLines() const
     {
-        QFile f(tracePath());
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
-        QList<QByteArray> lines = f.readAll().split('\n');
-        if (!lines.isEmpty() && lines.last().isEmpty())
-            lines.removeLast();
+        QList<QByteArray> lines = readFile(tracePath()).split('\n');
+        lines.removeAll(QByteArray());
         return lines;
     }
     void startTrace()
@@ -109,16 +84,14 @@ private slots:
     void init() { loadProfileText(QByteArray()); }
     void cleanup() { setTraceFile(QString()); }
 
-    // --- profile ---------------------------------------------------------------------------
-
     void profileOverlaysDefaults()
     {
-        LogCapture log;
+        LogCapture log(QStringLiteral("devicelib: "));
         loadProfileText("{\"library\": {\"serial\": \"SN-77\"}, \"socialSecurityModule\": false}");
         QCOMPARE(serial(), QStringLiteral("SN-77"));
         QCOMPARE(version(), m_defaultVersion);   // the sibling key keeps its default
         QCOMPARE(GetDeviceStatus_dc(), false);
-        QVERIFY2(log.lines.isEmpty(), qPrintable(log.lines.join('\n')));
+        QVERIFY2(log.lines().isEmpty(), qPrintable(log.lines().join('\n')));
         loadProfileText(QByteArray());
         QCOMPARE(serial(), m_defaultSerial);
         QCOMPARE(GetDeviceStatus_dc(), true);
@@ -130,12 +103,12 @@ private slots:
         QFile f(path);
         QVERIFY2(f.open(QIODevice::ReadOnly), qPrintable(path));
         const QByteArray text = f.readAll();
-        LogCapture log;
+        LogCapture log(QStringLiteral("devicelib: "));
         loadProfileText(text, path);
         const QJsonObject example = QJsonDocument::fromJson(text).object();
         QCOMPARE(serial(), example.value("library").toObject().value("serial").toString());
         QCOMPARE(GetDeviceStatus_dc(), example.value("socialSecurityModule").toBool());
-        QVERIFY2(log.lines.isEmpty(), qPrintable(log.lines.join('\n')));
+        QVERIFY2(log.lines().isEmpty(), qPrintable(log.lines().join('\n')));
     }
 
     void brokenProfile_data()
@@ -167,17 +140,15 @@ private slots:
         QJsonDocument::fromJson(json, &err);
         if (err.error != QJsonParseError::NoError)
             mustName << QStringLiteral("position %1").arg(err.offset);
-        LogCapture log;
+        LogCapture log(QStringLiteral("devicelib: "));
         loadProfileText(json, QStringLiteral("broken.json"));
         QCOMPARE(serial(), expectedSerial.isEmpty() ? m_defaultSerial : expectedSerial);
         QCOMPARE(GetDeviceStatus_dc(), socialSecurity);
         QCOMPARE(version(), m_defaultVersion);
-        QCOMPARE(log.lines.size(), 1);
+        QCOMPARE(log.lines().size(), 1);
         for (const QString& part : mustName)
-            QVERIFY2(log.lines.first().contains(part), qPrintable(log.lines.first()));
+            QVERIFY2(log.lines().first().contains(part), qPrintable(log.lines().first()));
     }
-
-    // --- scripts ---------------------------------------------------------------------------
 
     void scriptIsConsumedThenRealBehaviourResumes()
     {
@@ -245,7 +216,7 @@ private slots:
         QFETCH(QString, fn);
         QFETCH(QJsonValue, entry);
         loadProfileText("{\"socialSecurityModule\": false}", QStringLiteral("counter.json"));
-        LogCapture log;
+        LogCapture log(QStringLiteral("devicelib: "));
         setScript(fn, QJsonArray{entry});
         // The real call runs, so each function answers from the profile.
         if (fn == QLatin1String("GetDeviceStatus_dc"))
@@ -254,56 +225,48 @@ private slots:
             QCOMPARE(serial(), m_defaultSerial);
         else
             QCOMPARE(version(), m_defaultVersion);
-        QCOMPARE(log.lines.size(), 1);
-        QVERIFY2(log.lines.first().contains(QStringLiteral("\"script.%1\"").arg(fn)), qPrintable(log.lines.first()));
-        QVERIFY2(log.lines.first().contains(QLatin1String("counter.json")), qPrintable(log.lines.first()));
+        QCOMPARE(log.lines().size(), 1);
+        QVERIFY2(log.lines().first().contains(QStringLiteral("\"script.%1\"").arg(fn)), qPrintable(log.lines().first()));
+        QVERIFY2(log.lines().first().contains(QLatin1String("counter.json")), qPrintable(log.lines().first()));
     }
-
-    // --- trace -----------------------------------------------------------------------------
 
     void traceLineFormat_data()
     {
-        QTest::addColumn<int>("call");
+        QTest::addColumn<Call>("call");
         QTest::addColumn<QByteArray>("line");
-        QTest::newRow("plain string") << 0 << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/such/file.jpg\"],\"ret\":false}");
-        QTest::newRow("utf-8 kept") << 1 << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg\"],\"ret\":false}");
-        QTest::newRow("invalid utf-8 escaped") << 2 << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\\\\xff\\\\xc3.jpg\"],\"ret\":false}");
-        QTest::newRow("quotes and controls") << 3 << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"a\\\"b\\\\c\\nd\\u0001\"],\"ret\":false}");
-        QTest::newRow("null pointer") << 4 << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[null],\"ret\":false}");
-        QTest::newRow("64-bit exact") << 5 << QByteArray("{\"fn\":\"fakeBig\",\"args\":[9007199254740993,-9223372036854775807],\"ret\":9007199254740993}");
-        QTest::newRow("void, booleans, fn") << 6 << QByteArray("{\"fn\":\"fakeVoid\",\"args\":[true,false,\"<fn>\",null]}");
-        QTest::newRow("text result") << 7 << QByteArray("{\"fn\":\"sGetSerialNum\",\"args\":[],\"ret\":\"S\\\"1\"}");
-        QTest::newRow("null text result") << 8 << QByteArray("{\"fn\":\"sGetSerialNum\",\"args\":[],\"ret\":null}");
+        const auto serial = [](const QJsonValue& v) {
+            return Call([v] {
+                setScript(QStringLiteral("sGetSerialNum"), QJsonArray{v});
+                std::free(sGetSerialNum());
+            });
+        };
+        QTest::newRow("plain string") << Call([] { bFileIsExist("/no/such/file.jpg"); })
+                                      << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/such/file.jpg\"],\"ret\":false}");
+        QTest::newRow("utf-8 kept") << Call([] { bFileIsExist("/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg"); })
+                                    << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg\"],\"ret\":false}");
+        QTest::newRow("invalid utf-8 escaped") << Call([] { bFileIsExist("/no/\xff\xc3.jpg"); })
+                                               << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\\\\xff\\\\xc3.jpg\"],\"ret\":false}");
+        QTest::newRow("quotes and controls") << Call([] { bFileIsExist("a\"b\\c\nd\x01"); })
+                                             << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[\"a\\\"b\\\\c\\nd\\u0001\"],\"ret\":false}");
+        QTest::newRow("null pointer") << Call([] { bFileIsExist(nullptr); })
+                                      << QByteArray("{\"fn\":\"bFileIsExist\",\"args\":[null],\"ret\":false}");
+        QTest::newRow("64-bit exact")
+            << Call([] { traced<long long>("fakeBig", {9007199254740993LL, -9223372036854775807LL}, [] { return 9007199254740993LL; }); })
+            << QByteArray("{\"fn\":\"fakeBig\",\"args\":[9007199254740993,-9223372036854775807],\"ret\":9007199254740993}");
+        QTest::newRow("void, booleans, fn") << Call([] {
+            static int target = 0;
+            traced<void>("fakeVoid", {true, false, FnArg{&target}, FnArg{nullptr}}, [] {});
+        }) << QByteArray("{\"fn\":\"fakeVoid\",\"args\":[true,false,\"<fn>\",null]}");
+        QTest::newRow("text result") << serial("S\"1") << QByteArray("{\"fn\":\"sGetSerialNum\",\"args\":[],\"ret\":\"S\\\"1\"}");
+        QTest::newRow("null text result") << serial(QJsonValue()) << QByteArray("{\"fn\":\"sGetSerialNum\",\"args\":[],\"ret\":null}");
     }
 
     void traceLineFormat()
     {
-        QFETCH(int, call);
+        QFETCH(Call, call);
         QFETCH(QByteArray, line);
         startTrace();
-        switch (call) {
-        case 0: bFileIsExist("/no/such/file.jpg"); break;
-        case 1: bFileIsExist("/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg"); break;
-        case 2: bFileIsExist("/no/\xff\xc3.jpg"); break;
-        case 3: bFileIsExist("a\"b\\c\nd\x01"); break;
-        case 4: bFileIsExist(nullptr); break;
-        case 5:
-            traced<long long>("fakeBig", {9007199254740993LL, -9223372036854775807LL}, [] { return 9007199254740993LL; });
-            break;
-        case 6: {
-            static int target = 0;
-            traced<void>("fakeVoid", {true, false, FnArg{&target}, FnArg{nullptr}}, [] {});
-            break;
-        }
-        case 7:
-            setScript(QStringLiteral("sGetSerialNum"), QJsonArray{"S\"1"});
-            std::free(sGetSerialNum());
-            break;
-        case 8:
-            setScript(QStringLiteral("sGetSerialNum"), QJsonArray{QJsonValue()});
-            std::free(sGetSerialNum());
-            break;
-        }
+        call();
         const QList<QByteArray> lines = traceLines();
         QCOMPARE(lines.size(), 1);
         QCOMPARE(lines.first(), line);

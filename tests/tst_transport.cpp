@@ -12,7 +12,6 @@
 #include "identity/readidcardthread.h"
 #include "transport/websocketservermanager.h"
 
-#include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
@@ -29,58 +28,28 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <vector>
 
 namespace {
 
-bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done() && t.elapsed() < timeoutMs)
-        QTest::qWait(2);
-    return done();
-}
-
-// A page: a real WebSocket client of the manager.
-class Page : public QObject {
+// A page of the manager: it counts as connected once the manager has taken it on.
+class ClientPage : public Page {
 public:
-    Page() { connect(&ws, &QWebSocket::textMessageReceived, this, [this](const QString& m) { got << m; }); }
-
     bool open(WebSocketServerManager& mgr)
     {
         const int before = mgr.clientCount();
-        ws.open(QUrl(QStringLiteral("ws://127.0.0.1:%1").arg(mgr.serverPort())));
-        return waitFor([&] { return ws.state() == QAbstractSocket::ConnectedState && mgr.clientCount() > before; });
+        return Page::open(mgr.serverPort()) && waitFor([&] { return mgr.clientCount() > before; });
     }
+
     // Sends a command and waits for its reply, as a page does before it counts as current.
     QString command(const QString& text)
     {
         ws.sendTextMessage(text);
         return next();
     }
-    QString next(int timeoutMs = 3000)
-    {
-        waitFor([&] { return !got.isEmpty(); }, timeoutMs);
-        return got.isEmpty() ? QString() : got.takeFirst();
-    }
-    QStringList drain(int quietMs = 100)
-    {
-        int seen = -1;
-        while (seen != got.size()) {
-            seen = got.size();
-            QTest::qWait(quietMs);
-        }
-        const QStringList r = got;
-        got.clear();
-        return r;
-    }
-    bool isCurrent() const { return gpWebSocket && gpWebSocket->peerPort() == ws.localPort(); }
 
-    QWebSocket ws;
-    QStringList got;
+    bool isCurrent() const { return gpWebSocket && gpWebSocket->peerPort() == ws.localPort(); }
 };
 
 // A page that did the WebSocket handshake by hand and then reads only when told to: the page
@@ -140,51 +109,32 @@ public:
     // A client frame must be masked; a zero mask leaves the payload as it is.
     void sendText(const QByteArray& utf8)
     {
-        QByteArray frame;
-        frame.append(char(0x81));
-        frame.append(char(0x80 | utf8.size()));
-        frame.append(4, '\0');
-        frame.append(utf8);
+        const QByteArray frame = QByteArray(1, char(0x81)) + char(0x80 | utf8.size()) + QByteArray(4, '\0') + utf8;
         ::send(m_fd, frame.constData(), size_t(frame.size()), 0);
     }
 
-    // Reads what the kernel holds now and returns the complete text messages in it.
+    // Reads what the kernel holds now and returns the complete text messages in it. The server
+    // never fragments a message this small, so each frame is one message.
     QStringList readMessages()
     {
         readAvailable();
         QStringList messages;
-        for (;;) {
-            if (m_in.size() < 2)
-                break;
-            const auto b0 = quint8(m_in[0]);
-            const auto b1 = quint8(m_in[1]);
-            qint64 len = b1 & 0x7f;
+        while (m_in.size() >= 2) {
+            qint64 len = quint8(m_in[1]) & 0x7f;
             int pos = 2;
-            if (len == 126) {
-                if (m_in.size() < 4)
-                    break;
-                len = (quint8(m_in[2]) << 8) | quint8(m_in[3]);
-                pos = 4;
-            } else if (len == 127) {
-                if (m_in.size() < 10)
+            if (len >= 126) {
+                pos = len == 126 ? 4 : 10;
+                if (m_in.size() < pos)
                     break;
                 len = 0;
-                for (int i = 2; i < 10; ++i)
+                for (int i = 2; i < pos; ++i)
                     len = (len << 8) | quint8(m_in[i]);
-                pos = 10;
             }
             if (m_in.size() < pos + len)
                 break;
-            const QByteArray payload = m_in.mid(pos, int(len));
+            if ((quint8(m_in[0]) & 0x0f) == 0x1)
+                messages << QString::fromUtf8(m_in.mid(pos, int(len)));
             m_in.remove(0, pos + int(len));
-            const int opcode = b0 & 0x0f;
-            if (opcode == 0x1 || opcode == 0x0) {
-                m_partial += payload;
-                if (b0 & 0x80) {
-                    messages << QString::fromUtf8(m_partial);
-                    m_partial.clear();
-                }
-            }
         }
         return messages;
     }
@@ -193,17 +143,13 @@ private:
     void readAvailable()
     {
         char buf[65536];
-        for (;;) {
-            const ssize_t n = ::recv(m_fd, buf, sizeof buf, 0);
-            if (n <= 0)
-                break;
+        ssize_t n;
+        while ((n = ::recv(m_fd, buf, sizeof buf, 0)) > 0)
             m_in.append(buf, int(n));
-        }
     }
 
     int m_fd = -1;
     QByteArray m_in;
-    QByteArray m_partial;
 };
 
 // The server side of a page's connection, found among this process's descriptors by its ports.
@@ -242,11 +188,6 @@ void emitFrom(int who, const QByteArray& bytes)
     }
 }
 
-bool isFramedReplyOf(const QString& reply, const QString& name)
-{
-    return reply.startsWith(QStringLiteral("Begin") + name) && reply.endsWith(QStringLiteral("End") + name);
-}
-
 // Stopping the preview makes the camera thread tell every page how the stop went.
 QStringList withoutStopAnswers(QStringList messages)
 {
@@ -261,423 +202,353 @@ class TestTransport : public QObject {
     Q_OBJECT
 private slots:
     void initTestCase() { qRegisterMetaType<QWebSocket*>(); }
-    void init();
-    void cleanup();
+    void init()
+    {
+        gpWebSocket = nullptr;
+        m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
+        QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
+        QVERIFY(m_mgr->serverPort() != 0);
+    }
 
-    void startAndStop();
-    void commandsReachTheDispatcherAndMakeTheSenderCurrent();
-    void browserMessagesBypassTheDispatcher_data();
-    void browserMessagesBypassTheDispatcher();
-    void relayGoesToTheCurrentClient_data();
-    void relayGoesToTheCurrentClient();
-    void relayWithoutCurrentClientIsDropped();
-    void binaryMessagesAreIgnored();
-    void broadcastReachesEveryPage_data();
-    void broadcastReachesEveryPage();
-    void disconnectStopsThePreview_data();
-    void disconnectStopsThePreview();
-    void threadMessagesAccumulatePerConnection_data();
-    void threadMessagesAccumulatePerConnection();
-    void pageSocketsSendWithoutDelay();
-    void pageThatStopsReadingMissesOnlyPreviewFrames();
+    void cleanup()
+    {
+        m_mgr.reset();
+        QCOMPARE(gpWebSocket, nullptr);
+    }
+
+    void startAndStop()
+    {
+        WebSocketServerManager& mgr = *m_mgr;
+        const quint16 port = mgr.serverPort();
+        // A second start leaves the running server as it is.
+        QVERIFY(mgr.websocke_server_start(QHostAddress::LocalHost, 0));
+        QCOMPARE(mgr.serverPort(), port);
+
+        ClientPage a;
+        QVERIFY(a.open(mgr));
+        QSignalSpy stops(&mgr, &WebSocketServerManager::send_recv_msg);
+        QSignalSpy closed(&mgr, &WebSocketServerManager::signal_close);
+        mgr.websocke_server_stop();
+        QVERIFY(!mgr.running());
+        QVERIFY(waitFor([&] { return closed.count() == 1; }));
+        QCOMPARE(mgr.clientCount(), 0);
+        QVERIFY(stops.count() >= 2);
+        QCOMPARE(stops.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
+        QCOMPARE(stops.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
+        QVERIFY(waitFor([&] { return a.ws.state() == QAbstractSocket::UnconnectedState; }));
+
+        // Stopping twice is harmless; the server can listen again.
+        mgr.websocke_server_stop();
+        QVERIFY(mgr.websocke_server_start(QHostAddress::LocalHost, 0));
+        ClientPage b;
+        QVERIFY(b.open(mgr));
+        QVERIFY(isFramedReplyOf(b.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+    }
+
+    void commandsReachTheDispatcherAndMakeTheSenderCurrent()
+    {
+        WebSocketServerManager& mgr = *m_mgr;
+        ClientPage a;
+        ClientPage b;
+        QVERIFY(a.open(mgr) && b.open(mgr));
+
+        QVERIFY(isFramedReplyOf(a.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+        QVERIFY(a.isCurrent());
+        QVERIFY(isFramedReplyOf(b.command(QStringLiteral("sGetTempPath()")), QStringLiteral("sGetTempPath")));
+        QVERIFY(b.isCurrent());
+
+        // A late reply to A's command goes to whoever asked last.
+        MessageRun::send_msg(QStringLiteral("BeginlImageMatch80EndlImageMatch"));
+        QCOMPARE(b.next(), QStringLiteral("BeginlImageMatch80EndlImageMatch"));
+        QCOMPARE(a.drain(), QStringList());
+
+        // An unknown command still makes its sender current, and gets no reply.
+        a.ws.sendTextMessage(QStringLiteral("noSuchCommand()"));
+        QVERIFY(waitFor([&] { return a.isCurrent(); }));
+        QCOMPARE(a.drain(), QStringList());
+    }
+
+    // Page B sends a message that never reaches the dispatcher nor changes the current client:
+    // "@" goes to the browser helper, "#" is relayed to the current page, binary is ignored.
+    void routingOfAtHashAndBinary_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<bool>("binary");
+        QTest::addColumn<QChar>("current");   // 'a', 'b' (the sender) or '-' (none)
+        QTest::addColumn<QStringList>("toA");
+        QTest::addColumn<QStringList>("toB");   // not checked for "@": the helper answers B itself
+
+        const QStringList none;
+        QTest::newRow("bare at") << "@" << false << QChar('a') << none << none;
+        QTest::newRow("at that looks like a command") << "@getVersion()" << false << QChar('a') << none << none;
+        QTest::newRow("at with page data") << "@{\"page\":\"evaluate\"}" << false << QChar('a') << none << none;
+        QTest::newRow("at without current client") << "@getVersion()" << false << QChar('-') << none << none;
+        QTest::newRow("relay from another page") << "#xyz" << false << QChar('a') << QStringList{"xyz"} << none;
+        QTest::newRow("relay from the current page") << "#xyz" << false << QChar('b') << none << QStringList{"xyz"};
+        QTest::newRow("relay drops only the first mark") << "##x" << false << QChar('a') << QStringList{"#x"} << none;
+        QTest::newRow("empty relay") << "#" << false << QChar('a') << QStringList{""} << none;
+        QTest::newRow("relayed command text is not run") << "#getVersion()" << false << QChar('a')
+                                                         << QStringList{"getVersion()"} << none;
+        QTest::newRow("relay without current client") << "#xyz" << false << QChar('-') << none << none;
+        QTest::newRow("binary command") << "getVersion()" << true << QChar('a') << none << none;
+        QTest::newRow("binary relay") << "#xyz" << true << QChar('a') << none << none;
+    }
+
+    void routingOfAtHashAndBinary()
+    {
+        QFETCH(QString, message);
+        QFETCH(bool, binary);
+        QFETCH(QChar, current);
+        QFETCH(QStringList, toA);
+        QFETCH(QStringList, toB);
+        WebSocketServerManager& mgr = *m_mgr;
+        ClientPage a;
+        ClientPage b;
+        QVERIFY(a.open(mgr) && b.open(mgr));
+        ClientPage* cur = current == 'a' ? &a : current == 'b' ? &b : nullptr;
+        if (cur)
+            QVERIFY(isFramedReplyOf(cur->command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+
+        QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
+        if (binary)
+            b.ws.sendBinaryMessage(message.toUtf8());
+        else
+            b.ws.sendTextMessage(message);
+        if (!toA.isEmpty() || !toB.isEmpty())
+            QVERIFY(waitFor([&] { return !a.got.isEmpty() || !b.got.isEmpty(); }));
+        QCOMPARE(a.drain(), toA);
+        const QStringList gotB = b.drain();
+        if (!message.startsWith('@'))
+            QCOMPARE(gotB, toB);
+        QCOMPARE(dispatched.count(), 0);
+
+        // The current client is still the one it was.
+        MessageRun::send_msg(QStringLiteral("probe"));
+        if (cur)
+            QCOMPARE(cur->next(), QStringLiteral("probe"));
+        else
+            QCOMPARE(gpWebSocket, nullptr);
+        QCOMPARE(a.drain(), QStringList());
+        QCOMPARE(b.drain(), QStringList());
+    }
+
+    void broadcastReachesEveryPage_data()
+    {
+        QTest::addColumn<int>("emitter");
+        QTest::addColumn<bool>("fromWorkerThread");
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("text");
+        const auto row = [](const char* name, Emitter who, bool thread, const QByteArray& bytes, QString text = {}) {
+            QTest::newRow(name) << int(who) << thread << bytes << (text.isNull() ? QString::fromUtf8(bytes) : text);
+        };
+        row("preview frame", Capture, false, "/9j/4AAQSkZJRg==");
+        row("signature result", Sign, false, "{\"result\":0}");
+        row("card text in UTF-8", ReadIdCard, false, QString::fromUtf8("BeginsIDCardReader张三EndsIDCardReader").toUtf8());
+        row("cut at the first NUL", FaceMatch, false, QByteArray("BeginlImageMatch80\0junk", 23), "BeginlImageMatch80");
+        row("liveness", LivingBody, false, "BeginbLivingBodyDetecttrueEndbLivingBodyDetect");
+        row("recording stopped", StopRec, false, "BeginbStopRectrueEndbStopRec");
+        row("frame from a thread", Capture, true, "AAAA");
+        row("face score from a thread", FaceMatch, true, "BeginlImageMatch75EndlImageMatch");
+        row("card from a thread", ReadIdCard, true, "BeginsIDCardReaderEndsIDCardReader");
+    }
+
+    void broadcastReachesEveryPage()
+    {
+        QFETCH(int, emitter);
+        QFETCH(bool, fromWorkerThread);
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, text);
+        ClientPage pages[3];
+        for (ClientPage& p : pages)
+            QVERIFY(p.open(*m_mgr));
+        // One of them current, to show the broadcast is not a reply.
+        QVERIFY(isFramedReplyOf(pages[0].command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+
+        if (fromWorkerThread) {
+            std::unique_ptr<QThread> worker(QThread::create([emitter, bytes] { emitFrom(emitter, bytes); }));
+            worker->start();
+            QVERIFY(worker->wait(5000));
+        } else {
+            emitFrom(emitter, bytes);
+        }
+        for (ClientPage& p : pages) {
+            QCOMPARE(p.next(), text);
+            QCOMPARE(p.drain(), QStringList());
+        }
+    }
+
+    void disconnectStopsThePreview_data()
+    {
+        QTest::addColumn<bool>("currentLeaves");
+        QTest::addColumn<bool>("abrupt");
+
+        QTest::newRow("another page closes") << false << false;
+        QTest::newRow("another page drops") << false << true;
+        QTest::newRow("the current page closes") << true << false;
+        QTest::newRow("the current page drops") << true << true;
+    }
+
+    void disconnectStopsThePreview()
+    {
+        QFETCH(bool, currentLeaves);
+        QFETCH(bool, abrupt);
+        WebSocketServerManager& mgr = *m_mgr;
+        ClientPage a;
+        ClientPage b;
+        auto leaver = std::make_unique<ClientPage>();
+        QVERIFY(a.open(mgr) && b.open(mgr) && leaver->open(mgr));
+        ClientPage& current = currentLeaves ? *leaver : a;
+        QVERIFY(isFramedReplyOf(current.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+
+        Trace trace;
+        QSignalSpy handed(&mgr, &WebSocketServerManager::send_recv_msg);
+        QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
+        if (abrupt)
+            leaver->ws.abort();
+        else
+            leaver->ws.close();
+        QVERIFY(waitFor([&] { return mgr.clientCount() == 2; }));
+
+        QCOMPARE(gpWebSocket, nullptr);
+        QCOMPARE(handed.count(), 2);
+        QCOMPARE(handed.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
+        QCOMPARE(handed.at(0).at(1).value<QWebSocket*>(), nullptr);
+        QCOMPARE(handed.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
+        QCOMPARE(handed.at(1).at(1).value<QWebSocket*>(), nullptr);
+        // The manager's hand-over is a real call of the dispatcher.
+        QCOMPARE(dispatched.count(), 2);
+        QCOMPARE(dispatched.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
+        QCOMPARE(dispatched.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
+        // Where the camera commands are in the table, the stop reaches the device.
+        const auto& commands = mgr.messageRun()->callbacks();
+        if (commands.contains(QStringLiteral("bStopPlay4")))
+            QVERIFY(trace.functions().contains(QStringLiteral("bStopPlay4")));
+        if (commands.contains(QStringLiteral("bStopPlay")))
+            QVERIFY(waitFor([&] { return trace.functions().contains(QStringLiteral("bStopPlay")); }));
+
+        // Until someone sends a command, replies reach nobody; broadcasts still reach the rest.
+        leaver.reset();
+        MessageRun::send_msg(QStringLiteral("dropped"));
+        emitFrom(Capture, "frame-after-leave");
+        QCOMPARE(withoutStopAnswers(a.drain()), QStringList{QStringLiteral("frame-after-leave")});
+        QCOMPARE(withoutStopAnswers(b.drain()), QStringList{QStringLiteral("frame-after-leave")});
+        QVERIFY(isFramedReplyOf(b.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+        QVERIFY(b.isCurrent());
+    }
+
+    void threadMessagesAccumulatePerConnection_data()
+    {
+        QTest::addColumn<int>("pages");
+        QTest::newRow("one page") << 1;
+        QTest::newRow("three pages") << 3;
+    }
+
+    void threadMessagesAccumulatePerConnection()
+    {
+        QFETCH(int, pages);
+        WebSocketServerManager& mgr = *m_mgr;
+        std::vector<std::unique_ptr<ClientPage>> all;
+        for (int i = 0; i < pages; ++i) {
+            all.push_back(std::make_unique<ClientPage>());
+            QVERIFY(all.back()->open(mgr));
+        }
+        ClientPage& first = *all.front();
+        QVERIFY(isFramedReplyOf(first.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
+
+        emit mgr.signal_thread_MessageReceived(QStringLiteral("t"));
+        // Each connection ever made added one more delivery to the current page.
+        QCOMPARE(first.drain(), QStringList(QVector<QString>(pages, QStringLiteral("t")).toList()));
+        for (int i = 1; i < pages; ++i)
+            QCOMPARE(all[size_t(i)]->drain(), QStringList());
+    }
+
+    void pageSocketsSendWithoutDelay()
+    {
+        WebSocketServerManager& mgr = *m_mgr;
+        ClientPage a;
+        QVERIFY(a.open(mgr));
+        const int fd = serverSideDescriptor(mgr.serverPort(), a.ws.localPort());
+        QVERIFY(fd >= 0);
+        int value = 0;
+        socklen_t len = sizeof value;
+        QCOMPARE(::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &len), 0);
+        QVERIFY(value != 0);
+    }
+
+    void pageThatStopsReadingMissesOnlyPreviewFrames()
+    {
+        WebSocketServerManager& mgr = *m_mgr;
+        QCOMPARE(mgr.previewBacklogLimit(), WebSocketServerManager::kDefaultPreviewBacklogLimit);
+        mgr.setPreviewBacklogLimit(1024 * 1024);
+
+        ClientPage good;
+        QVERIFY(good.open(mgr));
+        RawPage hung;
+        QVERIFY(hung.open(mgr.serverPort()));
+        QVERIFY(waitFor([&] { return mgr.clientCount() == 2; }));
+
+        // Far more frames than the limit and every kernel buffer on the way can hold. The good
+        // page reads each frame before the next one comes, as a page that keeps up does.
+        const int frames = 400;
+        const QByteArray body(64 * 1024, 'A');
+        for (int i = 0; i < frames; ++i) {
+            emitFrom(Capture, QByteArray::number(i) + ':' + body);
+            QVERIFY2(waitFor([&] { return good.got.size() > i; }), qPrintable(QString::number(i)));
+        }
+        QCOMPARE(good.got.size(), frames);
+        for (int i = 0; i < frames; ++i)
+            QVERIFY(good.got.at(i).startsWith(QString::number(i) + QLatin1Char(':')));
+        good.got.clear();
+
+        // The hung page asks for something: its reply is queued behind the frames, never skipped.
+        hung.sendText("getVersion()");
+        QVERIFY(waitFor([&] { return gpWebSocket && gpWebSocket->peerPort() == hung.localPort(); }));
+        emitFrom(Capture, "BeginbStartPlaytrueEndbStartPlay");
+        emitFrom(Capture, "frame-while-behind");
+        emitFrom(StopRec, "BeginbStopRectrueEndbStopRec");
+
+        // The page wakes up and reads everything it was sent.
+        QStringList received;
+        QVERIFY(waitFor([&] { received << hung.readMessages();
+            return received.contains(QStringLiteral("BeginbStopRectrueEndbStopRec"));
+        }, 60000));
+        const QRegularExpression frame(QStringLiteral("^(\\d+):"));
+        int last = -1;
+        int hungFrames = 0;
+        for (const QString& m : received) {
+            const auto match = frame.match(m);
+            if (!match.hasMatch())
+                continue;
+            const int n = match.captured(1).toInt();
+            QVERIFY(n > last);  // in order, none twice
+            last = n;
+            ++hungFrames;
+        }
+        QVERIFY(hungFrames > 0);
+        QVERIFY2(hungFrames < frames, qPrintable(QString::number(hungFrames)));
+        QVERIFY(std::any_of(received.begin(), received.end(),
+                            [](const QString& m) { return isFramedReplyOf(m, QStringLiteral("getVersion")); }));
+        QVERIFY(received.contains(QStringLiteral("BeginbStartPlaytrueEndbStartPlay")));
+        QVERIFY(!received.contains(QStringLiteral("frame-while-behind")));
+
+        // The other page missed nothing.
+        QVERIFY(waitFor([&] { return good.got.size() >= 3; }));
+        QCOMPARE(good.got, (QStringList{QStringLiteral("BeginbStartPlaytrueEndbStartPlay"),
+                                        QStringLiteral("frame-while-behind"), QStringLiteral("BeginbStopRectrueEndbStopRec")}));
+
+        // Once it has caught up, the hung page gets frames again.
+        bool resumed = false;
+        for (int i = 0; i < 100 && !resumed; ++i) {
+            emitFrom(Capture, "frame-after-catch-up");
+            QTest::qWait(20);
+            resumed = hung.readMessages().contains(QStringLiteral("frame-after-catch-up"));
+        }
+        QVERIFY(resumed);
+    }
 
 private:
     std::unique_ptr<WebSocketServerManager> m_mgr;
 };
-
-void TestTransport::init()
-{
-    gpWebSocket = nullptr;
-    m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
-    QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
-    QVERIFY(m_mgr->serverPort() != 0);
-}
-
-void TestTransport::cleanup()
-{
-    m_mgr.reset();
-    QCOMPARE(gpWebSocket, nullptr);
-}
-
-void TestTransport::startAndStop()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    const quint16 port = mgr.serverPort();
-    // A second start leaves the running server as it is.
-    QVERIFY(mgr.websocke_server_start(QHostAddress::LocalHost, 0));
-    QCOMPARE(mgr.serverPort(), port);
-
-    Page a;
-    QVERIFY(a.open(mgr));
-    QSignalSpy stops(&mgr, &WebSocketServerManager::send_recv_msg);
-    QSignalSpy closed(&mgr, &WebSocketServerManager::signal_close);
-    mgr.websocke_server_stop();
-    QVERIFY(!mgr.running());
-    QVERIFY(waitFor([&] { return closed.count() == 1; }));
-    QCOMPARE(mgr.clientCount(), 0);
-    QVERIFY(stops.count() >= 2);
-    QCOMPARE(stops.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
-    QCOMPARE(stops.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
-    QVERIFY(waitFor([&] { return a.ws.state() == QAbstractSocket::UnconnectedState; }));
-
-    // Stopping twice is harmless; the server can listen again.
-    mgr.websocke_server_stop();
-    QVERIFY(mgr.websocke_server_start(QHostAddress::LocalHost, 0));
-    Page b;
-    QVERIFY(b.open(mgr));
-    QVERIFY(isFramedReplyOf(b.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-}
-
-void TestTransport::commandsReachTheDispatcherAndMakeTheSenderCurrent()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    QVERIFY(a.open(mgr) && b.open(mgr));
-
-    QVERIFY(isFramedReplyOf(a.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-    QVERIFY(a.isCurrent());
-    QVERIFY(isFramedReplyOf(b.command(QStringLiteral("sGetTempPath()")), QStringLiteral("sGetTempPath")));
-    QVERIFY(b.isCurrent());
-
-    // A late reply to A's command goes to whoever asked last.
-    MessageRun::send_msg(QStringLiteral("BeginlImageMatch80EndlImageMatch"));
-    QCOMPARE(b.next(), QStringLiteral("BeginlImageMatch80EndlImageMatch"));
-    QCOMPARE(a.drain(), QStringList());
-
-    // An unknown command still makes its sender current, and gets no reply.
-    a.ws.sendTextMessage(QStringLiteral("noSuchCommand()"));
-    QVERIFY(waitFor([&] { return a.isCurrent(); }));
-    QCOMPARE(a.drain(), QStringList());
-}
-
-void TestTransport::browserMessagesBypassTheDispatcher_data()
-{
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<bool>("withCurrent");
-
-    QTest::newRow("bare at") << "@" << true;
-    QTest::newRow("looks like a command") << "@getVersion()" << true;
-    QTest::newRow("page data") << "@{\"page\":\"evaluate\"}" << true;
-    QTest::newRow("no current client") << "@getVersion()" << false;
-}
-
-void TestTransport::browserMessagesBypassTheDispatcher()
-{
-    QFETCH(QString, message);
-    QFETCH(bool, withCurrent);
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    QVERIFY(a.open(mgr) && b.open(mgr));
-    if (withCurrent)
-        QVERIFY(isFramedReplyOf(a.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
-    b.ws.sendTextMessage(message);
-    b.drain();  // whatever the browser helper answers B is its own business
-    QCOMPARE(dispatched.count(), 0);
-
-    // The current client is still the one it was.
-    MessageRun::send_msg(QStringLiteral("probe"));
-    if (withCurrent) {
-        QCOMPARE(a.next(), QStringLiteral("probe"));
-    } else {
-        QCOMPARE(gpWebSocket, nullptr);
-    }
-    QVERIFY(!b.drain().contains(QStringLiteral("probe")));
-    QCOMPARE(a.drain(), QStringList());
-}
-
-void TestTransport::relayGoesToTheCurrentClient_data()
-{
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<bool>("fromCurrent");
-    QTest::addColumn<QString>("delivered");
-
-    QTest::newRow("from another page") << "#xyz" << false << "xyz";
-    QTest::newRow("from the current page itself") << "#xyz" << true << "xyz";
-    QTest::newRow("only the first mark goes") << "##x" << false << "#x";
-    QTest::newRow("empty relay") << "#" << false << "";
-    QTest::newRow("command text is not run") << "#getVersion()" << false << "getVersion()";
-}
-
-void TestTransport::relayGoesToTheCurrentClient()
-{
-    QFETCH(QString, message);
-    QFETCH(bool, fromCurrent);
-    QFETCH(QString, delivered);
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    QVERIFY(a.open(mgr) && b.open(mgr));
-    Page& current = fromCurrent ? b : a;
-    QVERIFY(isFramedReplyOf(current.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
-    b.ws.sendTextMessage(message);
-    QVERIFY(waitFor([&] { return !current.got.isEmpty(); }));
-    QCOMPARE(current.drain(), QStringList{delivered});
-    if (!fromCurrent)
-        QCOMPARE(b.drain(), QStringList());
-    QCOMPARE(dispatched.count(), 0);
-    QVERIFY(current.isCurrent());
-}
-
-void TestTransport::relayWithoutCurrentClientIsDropped()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    QVERIFY(a.open(mgr) && b.open(mgr));
-
-    b.ws.sendTextMessage(QStringLiteral("#xyz"));
-    QCOMPARE(a.drain(), QStringList());
-    QCOMPARE(b.drain(), QStringList());
-    // The relay made nobody current.
-    QCOMPARE(gpWebSocket, nullptr);
-}
-
-void TestTransport::binaryMessagesAreIgnored()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    QVERIFY(a.open(mgr) && b.open(mgr));
-    QVERIFY(isFramedReplyOf(a.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
-    b.ws.sendBinaryMessage(QByteArrayLiteral("getVersion()"));
-    b.ws.sendBinaryMessage(QByteArrayLiteral("#xyz"));
-    QCOMPARE(b.drain(), QStringList());
-    QCOMPARE(a.drain(), QStringList());
-    QCOMPARE(dispatched.count(), 0);
-    QVERIFY(a.isCurrent());
-}
-
-void TestTransport::broadcastReachesEveryPage_data()
-{
-    QTest::addColumn<int>("emitter");
-    QTest::addColumn<bool>("fromWorkerThread");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("text");
-
-    QTest::newRow("preview frame") << int(Capture) << false << QByteArray("/9j/4AAQSkZJRg==") << "/9j/4AAQSkZJRg==";
-    QTest::newRow("capture answer") << int(Capture) << false << QByteArray("BeginbStartPlaytrueEndbStartPlay")
-                                    << "BeginbStartPlaytrueEndbStartPlay";
-    QTest::newRow("signature result") << int(Sign) << false << QByteArray("{\"result\":0}") << "{\"result\":0}";
-    QTest::newRow("card text in UTF-8") << int(ReadIdCard) << false
-                                        << QString::fromUtf8("BeginsIDCardReader张三EndsIDCardReader").toUtf8()
-                                        << QString::fromUtf8("BeginsIDCardReader张三EndsIDCardReader");
-    QTest::newRow("cut at the first NUL") << int(FaceMatch) << false << QByteArray("BeginlImageMatch80\0junk", 23)
-                                          << "BeginlImageMatch80";
-    QTest::newRow("liveness") << int(LivingBody) << false << QByteArray("BeginbLivingBodyDetecttrueEndbLivingBodyDetect")
-                              << "BeginbLivingBodyDetecttrueEndbLivingBodyDetect";
-    QTest::newRow("recording stopped") << int(StopRec) << false << QByteArray("BeginbStopRectrueEndbStopRec")
-                                       << "BeginbStopRectrueEndbStopRec";
-    QTest::newRow("frame from a thread") << int(Capture) << true << QByteArray("AAAA") << "AAAA";
-    QTest::newRow("face score from a thread") << int(FaceMatch) << true << QByteArray("BeginlImageMatch75EndlImageMatch")
-                                              << "BeginlImageMatch75EndlImageMatch";
-    QTest::newRow("card from a thread") << int(ReadIdCard) << true << QByteArray("BeginsIDCardReaderEndsIDCardReader")
-                                        << "BeginsIDCardReaderEndsIDCardReader";
-}
-
-void TestTransport::broadcastReachesEveryPage()
-{
-    QFETCH(int, emitter);
-    QFETCH(bool, fromWorkerThread);
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, text);
-    WebSocketServerManager& mgr = *m_mgr;
-    Page pages[3];
-    for (Page& p : pages)
-        QVERIFY(p.open(mgr));
-    // One of them current, to show the broadcast is not a reply.
-    QVERIFY(isFramedReplyOf(pages[0].command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    if (fromWorkerThread) {
-        std::unique_ptr<QThread> worker(QThread::create([emitter, bytes] { emitFrom(emitter, bytes); }));
-        worker->start();
-        QVERIFY(worker->wait(5000));
-    } else {
-        emitFrom(emitter, bytes);
-    }
-    for (Page& p : pages) {
-        QCOMPARE(p.next(), text);
-        QCOMPARE(p.drain(), QStringList());
-    }
-}
-
-void TestTransport::disconnectStopsThePreview_data()
-{
-    QTest::addColumn<bool>("currentLeaves");
-    QTest::addColumn<bool>("abrupt");
-
-    QTest::newRow("another page closes") << false << false;
-    QTest::newRow("another page drops") << false << true;
-    QTest::newRow("the current page closes") << true << false;
-    QTest::newRow("the current page drops") << true << true;
-}
-
-void TestTransport::disconnectStopsThePreview()
-{
-    QFETCH(bool, currentLeaves);
-    QFETCH(bool, abrupt);
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    Page b;
-    auto leaver = std::make_unique<Page>();
-    QVERIFY(a.open(mgr) && b.open(mgr) && leaver->open(mgr));
-    Page& current = currentLeaves ? *leaver : a;
-    QVERIFY(isFramedReplyOf(current.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    Trace trace;
-    QSignalSpy handed(&mgr, &WebSocketServerManager::send_recv_msg);
-    QSignalSpy dispatched(mgr.messageRun(), &MessageRun::handle_msg_signal);
-    if (abrupt)
-        leaver->ws.abort();
-    else
-        leaver->ws.close();
-    QVERIFY(waitFor([&] { return mgr.clientCount() == 2; }));
-
-    QCOMPARE(gpWebSocket, nullptr);
-    QCOMPARE(handed.count(), 2);
-    QCOMPARE(handed.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
-    QCOMPARE(handed.at(0).at(1).value<QWebSocket*>(), nullptr);
-    QCOMPARE(handed.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
-    QCOMPARE(handed.at(1).at(1).value<QWebSocket*>(), nullptr);
-    // The manager's hand-over is a real call of the dispatcher.
-    QCOMPARE(dispatched.count(), 2);
-    QCOMPARE(dispatched.at(0).at(0).toString(), QStringLiteral("bStopPlay"));
-    QCOMPARE(dispatched.at(1).at(0).toString(), QStringLiteral("bStopPlay4"));
-    // Where the camera commands are in the table, the stop reaches the device.
-    const auto& commands = mgr.messageRun()->callbacks();
-    if (commands.contains(QStringLiteral("bStopPlay4")))
-        QVERIFY(trace.functions().contains(QStringLiteral("bStopPlay4")));
-    if (commands.contains(QStringLiteral("bStopPlay")))
-        QVERIFY(waitFor([&] { return trace.functions().contains(QStringLiteral("bStopPlay")); }));
-
-    // Until someone sends a command, replies reach nobody; broadcasts still reach the rest.
-    leaver.reset();
-    MessageRun::send_msg(QStringLiteral("dropped"));
-    emitFrom(Capture, "frame-after-leave");
-    QCOMPARE(withoutStopAnswers(a.drain()), QStringList{QStringLiteral("frame-after-leave")});
-    QCOMPARE(withoutStopAnswers(b.drain()), QStringList{QStringLiteral("frame-after-leave")});
-    QVERIFY(isFramedReplyOf(b.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-    QVERIFY(b.isCurrent());
-}
-
-void TestTransport::threadMessagesAccumulatePerConnection_data()
-{
-    QTest::addColumn<int>("pages");
-    QTest::newRow("one page") << 1;
-    QTest::newRow("two pages") << 2;
-    QTest::newRow("three pages") << 3;
-}
-
-void TestTransport::threadMessagesAccumulatePerConnection()
-{
-    QFETCH(int, pages);
-    WebSocketServerManager& mgr = *m_mgr;
-    std::vector<std::unique_ptr<Page>> all;
-    for (int i = 0; i < pages; ++i) {
-        all.push_back(std::make_unique<Page>());
-        QVERIFY(all.back()->open(mgr));
-    }
-    Page& first = *all.front();
-    QVERIFY(isFramedReplyOf(first.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
-
-    emit mgr.signal_thread_MessageReceived(QStringLiteral("t"));
-    // Each connection ever made added one more delivery to the current page.
-    QCOMPARE(first.drain(), QStringList(QVector<QString>(pages, QStringLiteral("t")).toList()));
-    for (int i = 1; i < pages; ++i)
-        QCOMPARE(all[size_t(i)]->drain(), QStringList());
-}
-
-void TestTransport::pageSocketsSendWithoutDelay()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    Page a;
-    QVERIFY(a.open(mgr));
-    const int fd = serverSideDescriptor(mgr.serverPort(), a.ws.localPort());
-    QVERIFY(fd >= 0);
-    int value = 0;
-    socklen_t len = sizeof value;
-    QCOMPARE(::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, &len), 0);
-    QVERIFY(value != 0);
-}
-
-void TestTransport::pageThatStopsReadingMissesOnlyPreviewFrames()
-{
-    WebSocketServerManager& mgr = *m_mgr;
-    QCOMPARE(mgr.previewBacklogLimit(), WebSocketServerManager::kDefaultPreviewBacklogLimit);
-    mgr.setPreviewBacklogLimit(1024 * 1024);
-
-    Page good;
-    QVERIFY(good.open(mgr));
-    RawPage hung;
-    QVERIFY(hung.open(mgr.serverPort()));
-    QVERIFY(waitFor([&] { return mgr.clientCount() == 2; }));
-
-    // Far more frames than the limit and every kernel buffer on the way can hold. The good
-    // page reads each frame before the next one comes, as a page that keeps up does.
-    const int frames = 400;
-    const QByteArray body(64 * 1024, 'A');
-    for (int i = 0; i < frames; ++i) {
-        emitFrom(Capture, QByteArray::number(i) + ':' + body);
-        QVERIFY2(waitFor([&] { return good.got.size() > i; }), qPrintable(QString::number(i)));
-    }
-    QCOMPARE(good.got.size(), frames);
-    for (int i = 0; i < frames; ++i)
-        QVERIFY(good.got.at(i).startsWith(QString::number(i) + QLatin1Char(':')));
-    good.got.clear();
-
-    // The hung page asks for something: its reply is queued behind the frames, never skipped.
-    hung.sendText("getVersion()");
-    QVERIFY(waitFor([&] { return gpWebSocket && gpWebSocket->peerPort() == hung.localPort(); }));
-    emitFrom(Capture, "BeginbStartPlaytrueEndbStartPlay");
-    emitFrom(Capture, "frame-while-behind");
-    emitFrom(StopRec, "BeginbStopRectrueEndbStopRec");
-
-    // The page wakes up and reads everything it was sent.
-    QStringList received;
-    QVERIFY(waitFor([&] {
-        received << hung.readMessages();
-        return received.contains(QStringLiteral("BeginbStopRectrueEndbStopRec"));
-    }, 60000));
-    const QRegularExpression frame(QStringLiteral("^(\\d+):"));
-    int last = -1;
-    int hungFrames = 0;
-    for (const QString& m : received) {
-        const auto match = frame.match(m);
-        if (!match.hasMatch())
-            continue;
-        const int n = match.captured(1).toInt();
-        QVERIFY(n > last);  // in order, none twice
-        last = n;
-        ++hungFrames;
-    }
-    QVERIFY(hungFrames > 0);
-    QVERIFY2(hungFrames < frames, qPrintable(QString::number(hungFrames)));
-    QVERIFY(std::any_of(received.begin(), received.end(),
-                        [](const QString& m) { return isFramedReplyOf(m, QStringLiteral("getVersion")); }));
-    QVERIFY(received.contains(QStringLiteral("BeginbStartPlaytrueEndbStartPlay")));
-    QVERIFY(!received.contains(QStringLiteral("frame-while-behind")));
-
-    // The other page missed nothing.
-    QVERIFY(waitFor([&] { return good.got.size() >= 3; }));
-    QCOMPARE(good.got, (QStringList{QStringLiteral("BeginbStartPlaytrueEndbStartPlay"),
-                                    QStringLiteral("frame-while-behind"), QStringLiteral("BeginbStopRectrueEndbStopRec")}));
-
-    // Once it has caught up, the hung page gets frames again.
-    bool resumed = false;
-    for (int i = 0; i < 100 && !resumed; ++i) {
-        emitFrom(Capture, "frame-after-catch-up");
-        QTest::qWait(20);
-        resumed = hung.readMessages().contains(QStringLiteral("frame-after-catch-up"));
-    }
-    QVERIFY(resumed);
-}
 
 QTEST_MAIN(TestTransport)
 #include "tst_transport.moc"
