@@ -13,7 +13,8 @@ jobs=$(nproc 2>/dev/null || echo 2)
 if [ "${1:-}" = "--sanitize" ]; then
   dir=build-asan
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DRVO_SANITIZE=ON -DRVO_BUILD_BENCH=OFF
-  export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:halt_on_error=1"
+  # Full unwinding so leak reports (and their suppressions) see the whole stack.
+  export ASAN_OPTIONS="detect_leaks=1:halt_on_error=1:fast_unwind_on_malloc=0"
   export LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp:print_suppressions=0"
   export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 else
