@@ -134,17 +134,8 @@ QLog::~QLog()
     if (d->flags)
         qInstallMessageHandler(nullptr);
     g_log.store(nullptr, std::memory_order_release);
-    if (d->net) {
-        d->net->deleteLater();
-        d->net = nullptr;
-    }
-    if (d->netThread) {
-        // The thread runs the pending deletion of the network log as it finishes.
-        d->netThread->quit();
-        d->netThread->wait();
-        delete d->netThread;
-        d->netThread = nullptr;
-    }
+    // Nothing else can reach the log any more, so no lock is needed to stop its network part.
+    stopNetLocked();
 }
 
 QLog::HandlerFlags QLog::flags() const
