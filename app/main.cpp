@@ -1,4 +1,6 @@
 // rvowebSocketServer: the counter terminal's local device server. Pages connect on port 1818.
+#include "app/configini.h"
+#include "app/security.h"
 #include "app/startup.h"
 #include "devicelib/doccamera.h"
 #include "log/qlog.h"
@@ -53,8 +55,11 @@ int main(int argc, char* argv[])
     logCameraLibraryVersion();
 
     // Lives as long as the process.
+    // Who may reach the server is the counter's own choice ("[security]" in server.ini).
+    const SecuritySettings security = SecuritySettings::load(ConfigIni::defaultPath());
     auto* server = new WebSocketServerManager(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode, nullptr);
-    server->websocke_server_start(QHostAddress::Any, 1818);
+    server->setSecurity(security);
+    server->websocke_server_start(security.listenAddresses(), 1818);
 
     QGuiApplication::setQuitOnLastWindowClosed(false);
     return app.exec();

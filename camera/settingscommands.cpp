@@ -45,10 +45,7 @@ void capturePinListener(int state, int, int, unsigned int, int, void*)
         return;
     QMetaObject::invokeMethod(
         app,
-        [text] {
-            if (gpWebSocket)
-                gpWebSocket->sendTextMessage(text);
-        },
+        [text] { MessageRun::send_msg(text); },
         Qt::QueuedConnection);
 }
 

@@ -1,4 +1,5 @@
 #include "companion/webbrowser.h"
+#include "dispatch/messagerun.h"
 
 #include <QDebug>
 #include <QWebSocket>
@@ -23,5 +24,5 @@ void WebBrowser::recvMessage(QString message, QWebSocket* socket)
     }
     qDebug() << __LINE__ << __FUNCTION__ << "webbrowser" << "page data to" << socket->peerPort()
              << m_pageData.size() << "characters";
-    socket->sendTextMessage(m_pageData);
+    MessageRun::sendToPage(socket, m_pageData);
 }

@@ -24,9 +24,10 @@ QString framedHeapText(const QString& name, HeapText fn)
 
 QString MessageRun::GetDeviceStatus_callback(QString, QString, MessageRun*)
 {
-    // The identifier text stays the library's here: the status page has always left it be.
-    const char* ids = ::sGetDevicesId();
+    // The identifier list is ours once copied, like every other heap text of the library.
+    char* ids = ::sGetDevicesId();
     const QString idText = ids ? QString::fromUtf8(ids) : QString();
+    std::free(ids);
     QString text = QStringLiteral("BeginGetDeviceStatus");
     static const char* const kCameraIds[] = {"usb#vid_2b19&pid_0200", "usb#vid_2b16&pid_6689", "usb#vid_2b16&pid_bcd2"};
     bool camera = false;

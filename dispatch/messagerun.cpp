@@ -8,6 +8,15 @@
 
 QWebSocket* gpWebSocket = nullptr;
 
+namespace {
+MessageRun::PageSender& pageSender()
+{
+    // Main thread only, like every socket; set and cleared by the transport.
+    static MessageRun::PageSender sender;
+    return sender;
+}
+}  // namespace
+
 MessageRun::MessageRun(QObject* parent) : QObject(parent)
 {
     // The timer-driven frame push is wired but never started: the capture thread pushes the
@@ -63,7 +72,22 @@ void MessageRun::send_msg(QString text)
 {
     if (!gpWebSocket)
         return;
-    gpWebSocket->sendTextMessage(text);
+    sendToPage(gpWebSocket, text);
+}
+
+void MessageRun::setPageSender(PageSender sender)
+{
+    pageSender() = std::move(sender);
+}
+
+void MessageRun::sendToPage(QWebSocket* socket, const QString& text)
+{
+    if (!socket)
+        return;
+    if (pageSender())
+        pageSender()(socket, text);
+    else
+        socket->sendTextMessage(text);
 }
 
 void MessageRun::send_json_msg(bool ok, QString funcname, QString data)

@@ -6,6 +6,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 class QTimer;
 class QWebSocket;
 
@@ -23,6 +25,11 @@ public:
 
     // Sends text to the current client; dropped when there is none.
     static void send_msg(QString text);
+    // The transport's send path, which every text to a page takes (it counts what each page
+    // owes). Without one (a dispatcher on its own, in tests) texts go straight to the socket.
+    using PageSender = std::function<void(QWebSocket*, const QString&)>;
+    static void setPageSender(PageSender sender);
+    static void sendToPage(QWebSocket* socket, const QString& text);
     // Composes a JSON event and sends it.
     static void send_json_msg(bool ok, QString funcname, QString data);
     // From any thread: the reply is queued to this object's thread, where send_msg runs.

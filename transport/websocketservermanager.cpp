@@ -8,8 +8,13 @@
 #include "identity/facematchthread.h"
 #include "identity/livingbodydetectthread.h"
 #include "identity/readidcardthread.h"
+#include "transport/handshakeguard.h"
 
 #include <QDebug>
+#include <QNetworkInterface>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
 #include <QWebSocket>
 
 #ifdef Q_OS_UNIX
@@ -50,12 +55,25 @@ void setNoDelay(qintptr descriptor)
 #endif
 }
 
+// A request head larger than this is no browser's; it is refused rather than buffered.
+constexpr int kMaxRequestHead = 16 * 1024;
+// A connection that has not finished its request head by then is dropped.
+constexpr int kHandshakeTimeoutMs = 10000;
+// WebSocket close code "try again later": the page limit is reached.
+constexpr int kCloseTryAgainLater = 1013;
+
+QString describe(const QTcpSocket* socket)
+{
+    return QStringLiteral("%1-%2").arg(socket->peerAddress().toString()).arg(socket->peerPort());
+}
+
 }  // namespace
 
 WebSocketServerManager::WebSocketServerManager(QString serverName, QWebSocketServer::SslMode mode, QObject* parent)
     : QObject(parent), m_serverName(serverName), m_sslMode(mode)
 {
     m_messageRun = new MessageRun(this);
+    m_messageRun->setPageSender([this](QWebSocket* socket, const QString& text) { sendText(socket, text); });
     connect(this, SIGNAL(send_recv_msg(QString,QWebSocket*)), m_messageRun, SLOT(recv_msg(QString,QWebSocket*)));
 
     // Every worker's late result reaches every page through the one broadcast slot; the
@@ -77,13 +95,30 @@ WebSocketServerManager::~WebSocketServerManager()
         if (socket && gpWebSocket == socket)
             gpWebSocket = nullptr;
     }
+    m_messageRun->setPageSender(nullptr);
     if (m_pWebSocketServer) {
         m_pWebSocketServer->deleteLater();
         m_pWebSocketServer = nullptr;
     }
 }
 
+void WebSocketServerManager::setSecurity(const SecuritySettings& security)
+{
+    m_security = security;
+    if (m_security.origins.isEmpty())
+        qInfo() << __LINE__ << __FUNCTION__ << "websocketservermanager"
+                << "no origins are configured: pages of every origin are admitted";
+}
+
 bool WebSocketServerManager::websocke_server_start(QHostAddress address, quint16 port)
+{
+    QList<QHostAddress> addresses{address};
+    if (address == QHostAddress(QHostAddress::LocalHost))
+        addresses << QHostAddress(QHostAddress::LocalHostIPv6);
+    return websocke_server_start(addresses, port);
+}
+
+bool WebSocketServerManager::websocke_server_start(const QList<QHostAddress>& addresses, quint16 port)
 {
     if (m_running) {
         qDebug() << 55 << "websocketservermanager" << "Failed to" << __FUNCTION__ << "it's already running...";
@@ -96,15 +131,28 @@ bool WebSocketServerManager::websocke_server_start(QHostAddress address, quint16
         connect(m_pWebSocketServer, SIGNAL(serverError(QWebSocketProtocol::CloseCode)), this,
                 SLOT(slot_serverError(QWebSocketProtocol::CloseCode)));
     }
-    m_listenAddress = address;
+    m_listenAddress = addresses.value(0);
     m_listenPort = port;
-    m_running = m_pWebSocketServer->listen(m_listenAddress, m_listenPort);
-    if (m_running)
-        setNoDelay(m_pWebSocketServer->nativeDescriptor());
-    else
-        // The process carries on without pages; say why, so a busy port is found quickly.
-        qInfo() << __LINE__ << __FUNCTION__ << "websocketservermanager" << "cannot listen on"
-                << m_listenAddress.toString() << m_listenPort << m_pWebSocketServer->errorString();
+    m_listenAddresses.clear();
+    // Qt's server only upgrades; our listeners accept, so each request head is checked first.
+    for (const QHostAddress& address : addresses) {
+        auto* listener = new QTcpServer(this);
+        // The first listener may have been given port 0; the others follow the port it got.
+        const quint16 p = m_listeners.isEmpty() ? port : m_listeners.first()->serverPort();
+        if (!listener->listen(address, p)) {
+            qInfo() << __LINE__ << __FUNCTION__ << "websocketservermanager" << "cannot listen on"
+                    << address.toString() << p << listener->errorString();
+            delete listener;
+            if (m_listeners.isEmpty())
+                break;   // without the first address the server does not run at all
+            continue;
+        }
+        setNoDelay(listener->socketDescriptor());
+        connect(listener, &QTcpServer::newConnection, this, [this, listener] { acceptTcp(listener); });
+        m_listeners << listener;
+        m_listenAddresses << address;
+    }
+    m_running = !m_listeners.isEmpty();
     return m_running;
 }
 
@@ -115,12 +163,116 @@ void WebSocketServerManager::websocke_server_stop()
         return;
     }
     m_running = false;
+    qDeleteAll(m_listeners);
+    m_listeners.clear();
+    for (const QPointer<QTcpSocket>& socket : qAsConst(m_handshaking)) {
+        if (socket)
+            socket->abort();
+    }
+    m_handshaking.clear();
     m_pWebSocketServer->close();
 }
 
 quint16 WebSocketServerManager::serverPort() const
 {
-    return m_pWebSocketServer && m_running ? m_pWebSocketServer->serverPort() : 0;
+    return m_running && !m_listeners.isEmpty() ? m_listeners.first()->serverPort() : 0;
+}
+
+int WebSocketServerManager::pagesAndHandshakes() const
+{
+    int n = m_clients.size();
+    for (const auto& s : m_handshaking)
+        n += s ? 1 : 0;
+    for (const auto& s : m_upgrading)
+        n += s ? 1 : 0;
+    return n;
+}
+
+void WebSocketServerManager::acceptTcp(QTcpServer* listener)
+{
+    while (QTcpSocket* socket = listener->nextPendingConnection()) {
+        socket->setParent(this);
+        m_handshaking.removeAll(QPointer<QTcpSocket>());
+        m_upgrading.removeAll(QPointer<QTcpSocket>());
+        // Room for the pages plus as many again still shaking hands: a crowd of connections
+        // that never finish their request cannot starve real pages.
+        if (pagesAndHandshakes() >= 2 * m_security.maxClients) {
+            refuseHandshake(socket, 503, "Service Unavailable", "too many connections");
+            continue;
+        }
+        m_handshaking << socket;
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { inspectHandshake(socket); });
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        QTimer::singleShot(kHandshakeTimeoutMs, socket, [this, socket] {
+            if (m_handshaking.contains(socket))
+                refuseHandshake(socket, 408, "Request Timeout", "no complete request in time");
+        });
+        if (socket->bytesAvailable() > 0)
+            inspectHandshake(socket);
+    }
+}
+
+void WebSocketServerManager::inspectHandshake(QTcpSocket* socket)
+{
+    if (!m_handshaking.contains(socket))
+        return;
+    // Peek, so that Qt's server reads the same request when it takes the connection over.
+    const QByteArray bytes = socket->peek(kMaxRequestHead + 4);
+    const handshake::RequestHead head = handshake::parseHead(bytes);
+    if (!head.complete) {
+        if (bytes.size() > kMaxRequestHead)
+            refuseHandshake(socket, 431, "Request Header Fields Too Large", "request head too large");
+        return;
+    }
+    if (!head.hasHost || !handshake::hostAllowed(head.host, ownAddresses(socket))) {
+        refuseHandshake(socket, 403, "Forbidden", "Host does not name this server");
+        return;
+    }
+    if (!handshake::originAllowed(head.hasOrigin, head.origin, m_security.origins)) {
+        refuseHandshake(socket, 403, "Forbidden", "Origin not admitted");
+        return;
+    }
+    m_handshaking.removeAll(socket);
+    m_upgrading.removeAll(QPointer<QTcpSocket>());
+    if (m_clients.size() + m_upgrading.size() >= m_security.maxClients) {
+        refuseHandshake(socket, 503, "Service Unavailable", "page limit reached");
+        return;
+    }
+    disconnect(socket, nullptr, this, nullptr);
+    m_upgrading << socket;
+    m_pWebSocketServer->handleConnection(socket);
+}
+
+void WebSocketServerManager::refuseHandshake(QTcpSocket* socket, int status, const char* reason, const char* why)
+{
+    const handshake::RequestHead head = handshake::parseHead(socket->peek(kMaxRequestHead + 4));
+    qInfo().noquote() << QStringLiteral("websocketservermanager: refused %1 (HTTP %2, %3): Host \"%4\" Origin \"%5\"")
+                             .arg(describe(socket))
+                             .arg(status)
+                             .arg(QLatin1String(why))
+                             .arg(head.hasHost ? head.host : QStringLiteral("(none)"))
+                             .arg(head.hasOrigin ? head.origin : QStringLiteral("(none)"));
+    m_handshaking.removeAll(socket);
+    disconnect(socket, nullptr, this, nullptr);
+    socket->write(handshake::refusal(status, reason));
+    socket->disconnectFromHost();
+    if (socket->state() == QAbstractSocket::UnconnectedState)
+        socket->deleteLater();
+}
+
+QList<QHostAddress> WebSocketServerManager::ownAddresses(const QTcpSocket* socket) const
+{
+    QList<QHostAddress> own = m_listenAddresses;
+    // Listening everywhere: any address of this machine names us, as does the one the page
+    // reached.
+    for (const QHostAddress& a : m_listenAddresses) {
+        if (a == QHostAddress(QHostAddress::Any) || a == QHostAddress(QHostAddress::AnyIPv4)
+            || a == QHostAddress(QHostAddress::AnyIPv6)) {
+            own << QNetworkInterface::allAddresses() << socket->localAddress();
+            break;
+        }
+    }
+    return own;
 }
 
 QString WebSocketServerManager::clientKey(const QWebSocket* socket)
@@ -135,6 +287,25 @@ void WebSocketServerManager::slot_newConnection()
         return;
     // A page's socket lives as long as the page stays, and never longer than this manager.
     socket->setParent(this);
+    for (auto it = m_upgrading.begin(); it != m_upgrading.end();) {
+        if (!*it || ((*it)->peerPort() == socket->peerPort() && (*it)->peerAddress() == socket->peerAddress()))
+            it = m_upgrading.erase(it);
+        else
+            ++it;
+    }
+    // Set before the event loop reads the page's first frame: an oversized frame is refused
+    // from its header, never buffered.
+    socket->setMaxAllowedIncomingFrameSize(quint64(m_security.maxMessageBytes));
+    socket->setMaxAllowedIncomingMessageSize(quint64(m_security.maxMessageBytes));
+    if (m_clients.size() >= m_security.maxClients) {
+        qInfo().noquote() << QStringLiteral("websocketservermanager: refused %1 (close %2, page limit reached): Origin \"%3\"")
+                                 .arg(clientKey(socket))
+                                 .arg(kCloseTryAgainLater)
+                                 .arg(socket->origin());
+        socket->close(QWebSocketProtocol::CloseCode(kCloseTryAgainLater), QStringLiteral("Try again later"));
+        socket->deleteLater();
+        return;
+    }
     qDebug() << 106 << __FUNCTION__ << "websocketservermanager" << socket->peerAddress().toString()
              << socket->peerPort()
              << (socket->peerAddress() == QHostAddress(QHostAddress::LocalHost) ? "true" : "false")
@@ -186,7 +357,15 @@ void WebSocketServerManager::slot_disconnected()
     QWebSocket* socket = qobject_cast<QWebSocket*>(sender());
     if (!socket)
         return;
+    if (socket->closeCode() == QWebSocketProtocol::CloseCodeTooMuchData)
+        qInfo().noquote() << QStringLiteral("websocketservermanager: %1 closed with code 1009: a message was larger "
+                                            "than maxMessageBytes (%2 bytes)")
+                                 .arg(clientKey(socket))
+                                 .arg(m_security.maxMessageBytes);
     gpWebSocket = nullptr;
+    // The page is gone: nothing may send to it through the current-page path any more.
+    if (m_pCurrentSocket == socket)
+        m_pCurrentSocket = nullptr;
     // The preview never outlives the page that started it.
     emit send_recv_msg(QStringLiteral("bStopPlay"), nullptr);
     emit send_recv_msg(QStringLiteral("bStopPlay4"), nullptr);

@@ -7,12 +7,18 @@
 #include <QByteArray>
 #include <QHash>
 #include <QHostAddress>
+#include <QList>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QWebSocketProtocol>
 #include <QWebSocketServer>
 
+#include "app/security.h"
+
 class MessageRun;
+class QTcpServer;
+class QTcpSocket;
 class QWebSocket;
 
 class WebSocketServerManager : public QObject {
@@ -24,7 +30,11 @@ public:
     WebSocketServerManager(QString serverName, QWebSocketServer::SslMode mode, QObject* parent = nullptr);
     ~WebSocketServerManager() override;
 
+    // Listens on one address; the loopback address brings its IPv6 twin along, so that
+    // "localhost" works whichever family the browser picks.
     bool websocke_server_start(QHostAddress address, quint16 port);
+    // Listens on each address (at least the first must succeed; the rest are best effort).
+    bool websocke_server_start(const QList<QHostAddress>& addresses, quint16 port);
     void websocke_server_stop();
     bool running() const { return m_running; }
     void websocke_server_sendData(QString ip, int port, QString message);
@@ -34,6 +44,13 @@ public:
     quint16 serverPort() const;
     MessageRun* messageRun() const { return m_messageRun; }
     int clientCount() const { return m_clients.size(); }
+
+    // Who may connect and how much a page may send; applies to connections made afterwards.
+    void setSecurity(const SecuritySettings& security);
+    const SecuritySettings& security() const { return m_security; }
+
+    // The one road of every text to a page: replies, relays, broadcasts and events.
+    void sendText(QWebSocket* socket, const QString& text);
 
     // Bytes a page may have queued but not yet written before preview frames skip it.
     void setPreviewBacklogLimit(qint64 bytes) { m_backlogLimit = bytes; }
@@ -66,8 +83,11 @@ public slots:
 
 private:
     static QString clientKey(const QWebSocket* socket);
-    // Sends a text to one page and counts what it now owes.
-    void sendText(QWebSocket* socket, const QString& text);
+    void acceptTcp(QTcpServer* listener);
+    void inspectHandshake(QTcpSocket* socket);
+    void refuseHandshake(QTcpSocket* socket, int status, const char* reason, const char* why);
+    QList<QHostAddress> ownAddresses(const QTcpSocket* socket) const;
+    int pagesAndHandshakes() const;
     void countSent(QWebSocket* socket, qint64 requested, qint64 written);
     void forgetBacklog(QWebSocket* socket);
 
@@ -80,6 +100,14 @@ private:
     QHostAddress m_listenAddress;
     quint16 m_listenPort = 1818;
     MessageRun* m_messageRun = nullptr;
+
+    SecuritySettings m_security;
+    // Our own listeners: a request head is checked before Qt upgrades the connection.
+    QList<QTcpServer*> m_listeners;
+    QList<QHostAddress> m_listenAddresses;
+    // Connections still sending their request head, and those handed to Qt for the upgrade.
+    QList<QPointer<QTcpSocket>> m_handshaking;
+    QList<QPointer<QTcpSocket>> m_upgrading;
 
     // What each page owes: bytes handed to its socket and not yet written out, and whether
     // preview frames currently skip it.
