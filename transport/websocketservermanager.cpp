@@ -203,9 +203,9 @@ void WebSocketServerManager::acceptTcp(QTcpServer* listener)
         m_handshaking << socket;
         connect(socket, &QTcpSocket::readyRead, this, [this, socket] { inspectHandshake(socket); });
         connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        QTimer::singleShot(kHandshakeTimeoutMs, socket, [this, socket] {
-            if (m_handshaking.contains(socket))
-                refuseHandshake(socket, 408, "Request Timeout", "no complete request in time");
+        QTimer::singleShot(kHandshakeTimeoutMs, this, [this, pending = QPointer<QTcpSocket>(socket)] {
+            if (pending && m_handshaking.contains(pending))
+                refuseHandshake(pending, 408, "Request Timeout", "no complete request in time");
         });
         if (socket->bytesAvailable() > 0)
             inspectHandshake(socket);
@@ -238,7 +238,9 @@ void WebSocketServerManager::inspectHandshake(QTcpSocket* socket)
         refuseHandshake(socket, 503, "Service Unavailable", "page limit reached");
         return;
     }
-    disconnect(socket, nullptr, this, nullptr);
+    // Qt's server reads the request from here on; the connection stays ours (Qt's page socket
+    // does not delete it) until the page socket it becomes takes it over.
+    socket->disconnect();
     m_upgrading << socket;
     m_pWebSocketServer->handleConnection(socket);
 }
@@ -288,10 +290,14 @@ void WebSocketServerManager::slot_newConnection()
     // A page's socket lives as long as the page stays, and never longer than this manager.
     socket->setParent(this);
     for (auto it = m_upgrading.begin(); it != m_upgrading.end();) {
-        if (!*it || ((*it)->peerPort() == socket->peerPort() && (*it)->peerAddress() == socket->peerAddress()))
+        if (!*it) {
             it = m_upgrading.erase(it);
-        else
+        } else if ((*it)->peerPort() == socket->peerPort() && (*it)->peerAddress() == socket->peerAddress()) {
+            (*it)->setParent(socket);
+            it = m_upgrading.erase(it);
+        } else {
             ++it;
+        }
     }
     // Set before the event loop reads the page's first frame: an oversized frame is refused
     // from its header, never buffered.
