@@ -631,7 +631,9 @@ private slots:
         QVERIFY(waitFor([&] { big.readMessages(); return big.closeCode != 0; }));
         QCOMPARE(big.closeCode, 1009);
         QVERIFY(waitFor([&] { return m_mgr->clientCount() == 1; }));
-        QVERIFY(residentKiB() - before < 2048);
+#if !defined(__SANITIZE_ADDRESS__)   // the sanitizer's allocator keeps freed memory in quarantine
+        QVERIFY2(residentKiB() - before < 2048, qPrintable(QString::number(residentKiB() - before)));
+#endif
         QVERIFY(log.contains(QStringLiteral("1009")));
         QVERIFY(isFramedReplyOf(other.command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")));
     }
