@@ -25,6 +25,20 @@ void badKey(const QString& path, const char* key, const QVariant& v, const char*
                              .arg(path, QLatin1String(key), v.toString(), QLatin1String(keeps));
 }
 
+// A whole number above zero, or the key keeps its default.
+void readPositive(const QSettings& ini, const QString& path, const char* key, const char* keeps, qint64* value)
+{
+    const QVariant v = ini.value(QLatin1String(key));
+    if (!v.isValid())
+        return;
+    bool ok = false;
+    const qint64 n = v.toString().trimmed().toLongLong(&ok);
+    if (ok && n > 0)
+        *value = n;
+    else
+        badKey(path, key, v, keeps);
+}
+
 }  // namespace
 
 SecuritySettings SecuritySettings::load(const QString& iniPath)
@@ -51,24 +65,10 @@ SecuritySettings SecuritySettings::load(const QString& iniPath)
     s.origins = listValue(ini.value(QStringLiteral("origins")));
     s.fileRoots = listValue(ini.value(QStringLiteral("fileRoots")));
 
-    const QVariant maxBytes = ini.value(QStringLiteral("maxMessageBytes"));
-    if (maxBytes.isValid()) {
-        bool ok = false;
-        const qint64 n = maxBytes.toString().trimmed().toLongLong(&ok);
-        if (ok && n > 0)
-            s.maxMessageBytes = n;
-        else
-            badKey(iniPath, "maxMessageBytes", maxBytes, "64 MiB");
-    }
-    const QVariant maxClients = ini.value(QStringLiteral("maxClients"));
-    if (maxClients.isValid()) {
-        bool ok = false;
-        const int n = maxClients.toString().trimmed().toInt(&ok);
-        if (ok && n > 0)
-            s.maxClients = n;
-        else
-            badKey(iniPath, "maxClients", maxClients, "64");
-    }
+    readPositive(ini, iniPath, "maxMessageBytes", "64 MiB", &s.maxMessageBytes);
+    qint64 clients = s.maxClients;
+    readPositive(ini, iniPath, "maxClients", "64", &clients);
+    s.maxClients = int(qMin<qint64>(clients, 1 << 20));
     return s;
 }
 
