@@ -498,6 +498,50 @@ private slots:
 
     // --- Who may connect -----------------------------------------------------------------
 
+    void securitySettingsFromTheIniFile_data()
+    {
+        QTest::addColumn<QByteArray>("ini");
+        QTest::addColumn<QString>("listen");   // the addresses, joined by " "
+        QTest::addColumn<QStringList>("origins");
+        QTest::addColumn<qint64>("maxBytes");
+        QTest::addColumn<QString>("badKey");   // the key a log line must name, if any
+        const QStringList none;
+        QTest::newRow("defaults") << QByteArray() << "127.0.0.1 ::1" << none << qint64(64 << 20) << QString();
+        QTest::newRow("hardened") << QByteArray("[security]\nlisten=any\norigins=https://a.example,file://\n"
+                                                "maxMessageBytes=1024\nmaxClients=8\n")
+                                  << "0.0.0.0" << QStringList{"https://a.example", "file://"} << qint64(1024) << QString();
+        QTest::newRow("quoted list, one address") << QByteArray("[security]\nlisten=10.0.0.7\norigins=\"null,none\"\n")
+                                                  << "10.0.0.7" << QStringList{"null", "none"} << qint64(64 << 20) << QString();
+        QTest::newRow("bad listen") << QByteArray("[security]\nlisten=everywhere\n") << "127.0.0.1 ::1" << none
+                                    << qint64(64 << 20) << "security/listen";
+        QTest::newRow("bad size") << QByteArray("[security]\nmaxMessageBytes=-5\n") << "127.0.0.1 ::1" << none
+                                  << qint64(64 << 20) << "security/maxMessageBytes";
+    }
+
+    void securitySettingsFromTheIniFile()
+    {
+        QFETCH(QByteArray, ini);
+        QFETCH(QString, listen);
+        QFETCH(QStringList, origins);
+        QFETCH(qint64, maxBytes);
+        QFETCH(QString, badKey);
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("server.ini"));
+        QVERIFY(writeFile(path, ini));
+        LogCapture log(QStringLiteral("settings "));
+        const SecuritySettings s = SecuritySettings::load(path);
+        QStringList addresses;
+        for (const QHostAddress& a : s.listenAddresses())
+            addresses << a.toString();
+        QCOMPARE(addresses.join(' '), listen);
+        QCOMPARE(s.origins, origins);
+        QCOMPARE(s.maxMessageBytes, maxBytes);
+        QCOMPARE(log.lines().size(), badKey.isEmpty() ? 0 : 1);
+        if (!badKey.isEmpty())
+            QVERIFY(log.contains(path) && log.contains(badKey));
+        QCOMPARE(readFile(path), ini);   // never written
+    }
+
     void hostAndOriginRules_data()
     {
         QTest::addColumn<QString>("host");
