@@ -53,23 +53,33 @@ QStringList fakeWithOuts()
     return {};
 }
 
-// n calls of f, their results as texts.
-template <class F>
-Call repeat(int n, F f, std::function<void()> before = {})
+QString flag(bool b)
+{
+    return b ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+// What the library answers: the serial, the social-security module, the version.
+QStringList answers()
+{
+    return {serial(), flag(GetDeviceStatus_dc()), version()};
+}
+
+Call afterProfile(const QByteArray& json, const QString& source)
 {
     return [=] {
-        if (before)
-            before();
-        QStringList r;
-        for (int i = 0; i < n; ++i)
-            r << f();
-        return r;
+        loadProfileText(json, source);
+        return answers();
     };
 }
 
-QString dirExists()
+// A wrong script entry for fn, with a profile from "counter.json".
+Call wrongEntry(const QString& fn, const QJsonValue& entry)
 {
-    return bDirIsExist("/") ? QStringLiteral("true") : QStringLiteral("false");
+    return [=] {
+        loadProfileText(R"({"socialSecurityModule": false})", QStringLiteral("counter.json"));
+        setScript(fn, QJsonArray{entry});
+        return answers();
+    };
 }
 
 }  // namespace
@@ -105,111 +115,73 @@ private slots:
     void cleanup() { setTraceFile(QString()); }
 
     // A profile is laid over the defaults key by key; a broken one is logged once (naming the
-    // file and the key) and keeps the defaults for what is broken.
-    void profile_data()
+    // file and the key) and keeps the defaults for what is broken. Scripted results are used one
+    // per call; "run" and a used-up list mean the real work; a wrong entry is logged and runs it.
+    void profileAndScripts_data()
     {
-        QTest::addColumn<QByteArray>("json");
-        QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("serial");    // empty: the default
-        QTest::addColumn<bool>("socialSecurity");
-        QTest::addColumn<QStringList>("log");   // what the one log line names; empty: no line
+        QTest::addColumn<Call>("call");
+        QTest::addColumn<QStringList>("results");   // %S: the default serial, %V: the default version
+        QTest::addColumn<QStringList>("log");       // what the one log line names; empty: no line
 
         const QString example = QStringLiteral(RVO_SOURCE_DIR "/device-profile.example.json");
         const QByteArray text = readFile(example);
         QVERIFY2(!text.isEmpty(), qPrintable(example));
         const QJsonObject o = QJsonDocument::fromJson(text).object();
-        QTest::newRow("example loads cleanly") << text << example << o.value("library").toObject().value("serial").toString()
-                                               << o.value("socialSecurityModule").toBool() << QStringList();
-        QTest::newRow("overlay") << QByteArray(R"({"library": {"serial": "SN-77"}, "socialSecurityModule": false})")
-                                 << "counter.json" << "SN-77" << false << QStringList();
+        QTest::newRow("example loads cleanly") << afterProfile(text, example)
+            << QStringList{o["library"].toObject()["serial"].toString(), flag(o["socialSecurityModule"].toBool()), "%V"} << QStringList();
+        QTest::newRow("overlay") << afterProfile(R"({"library": {"serial": "SN-77"}, "socialSecurityModule": false})", "a.json")
+                                 << QStringList{"SN-77", "false", "%V"} << QStringList();
         const QByteArray unparsable(R"({"library": {"serial": "SN-1",})");
         QJsonParseError err{};
         QJsonDocument::fromJson(unparsable, &err);   // the line names where the parser stopped
-        QTest::newRow("parse error") << unparsable << "broken.json" << QString() << true
+        QTest::newRow("parse error") << afterProfile(unparsable, "broken.json") << QStringList{"%S", "true", "%V"}
                                      << QStringList{"broken.json", QStringLiteral("position %1").arg(err.offset)};
-        QTest::newRow("not an object") << QByteArray("[1,2]") << "broken.json" << QString() << true << QStringList{"broken.json"};
-        QTest::newRow("wrong type at top") << QByteArray(R"({"socialSecurityModule": "no", "library": {"serial": "SN-2"}})")
-                                           << "broken.json" << "SN-2" << true << QStringList{"broken.json", "\"socialSecurityModule\""};
-        QTest::newRow("wrong type nested") << QByteArray(R"({"library": {"serial": 12}, "socialSecurityModule": false})")
-                                           << "broken.json" << QString() << false << QStringList{"broken.json", "\"library.serial\""};
-        QTest::newRow("object where text") << QByteArray(R"({"library": "v2"})") << "broken.json" << QString() << true
+        QTest::newRow("not an object") << afterProfile("[1,2]", "broken.json") << QStringList{"%S", "true", "%V"} << QStringList{"broken.json"};
+        QTest::newRow("wrong type at top") << afterProfile(R"({"socialSecurityModule": "no", "library": {"serial": "SN-2"}})", "broken.json")
+                                           << QStringList{"SN-2", "true", "%V"} << QStringList{"broken.json", "\"socialSecurityModule\""};
+        QTest::newRow("wrong type nested") << afterProfile(R"({"library": {"serial": 12}, "socialSecurityModule": false})", "broken.json")
+                                           << QStringList{"%S", "false", "%V"} << QStringList{"broken.json", "\"library.serial\""};
+        QTest::newRow("object where text") << afterProfile(R"({"library": "v2"})", "broken.json") << QStringList{"%S", "true", "%V"}
                                            << QStringList{"broken.json", "\"library\""};
-    }
-
-    void profile()
-    {
-        QFETCH(QByteArray, json);
-        QFETCH(QString, source);
-        QFETCH(QString, serial);
-        QFETCH(bool, socialSecurity);
-        QFETCH(QStringList, log);
-        LogCapture lines(QStringLiteral("devicelib: "));
-        loadProfileText(json, source);
-        QCOMPARE(::serial(), serial.isEmpty() ? m_defaultSerial : serial);
-        QCOMPARE(GetDeviceStatus_dc(), socialSecurity);
-        QCOMPARE(version(), m_defaultVersion);   // a sibling key keeps its default
-        QCOMPARE(lines.lines().size(), log.isEmpty() ? 0 : 1);
-        for (const QString& part : log)
-            QVERIFY2(lines.lines().first().contains(part), qPrintable(lines.lines().first()));
-    }
-
-    // Scripted results are used one per call; "run" and a used-up list mean the real work.
-    void scripts_data()
-    {
-        QTest::addColumn<Call>("calls");
-        QTest::addColumn<QStringList>("results");   // %S: the default serial, %V: the default version
-        QTest::newRow("consumed, then real") << repeat(5, dirExists, [] { setScript("bDirIsExist", QJsonArray{false, "run", false}); })
-                                             << QStringList{"false", "true", "false", "true", "true"};
-        QTest::newRow("from the profile")
-            << repeat(5, serial, [] { loadProfileText(R"({"script": {"sGetSerialNum": ["A", null, "run", "B"]}})"); })
-            << QStringList{"A", "<null>", "%S", "B", "%S"};
+        QTest::newRow("script consumed, then real") << Call([] {
+            setScript("bDirIsExist", QJsonArray{false, "run", false});
+            return QStringList{flag(bDirIsExist("/")), flag(bDirIsExist("/")), flag(bDirIsExist("/")), flag(bDirIsExist("/"))};
+        }) << QStringList{"false", "true", "false", "true"} << QStringList();
+        QTest::newRow("script from the profile") << Call([] {
+            loadProfileText(R"({"script": {"sGetSerialNum": ["A", null, "run", "B"]}})");
+            return QStringList{serial(), serial(), serial(), serial(), serial()};
+        }) << QStringList{"A", "<null>", "%S", "B", "%S"} << QStringList();
         QTest::newRow("a new profile forgets the old script") << Call([] {
             loadProfileText(R"({"script": {"sGetSerialNum": ["A", "A"]}})");
             const QString first = serial();
             loadProfileText(QByteArray());
             return QStringList{first, serial()};
-        }) << QStringList{"A", "%S"};
-        QTest::newRow("outputs of a void function")
-            << repeat(3, version, [] { setScript("doccameraVeriosn", QJsonArray{QJsonObject{{"out", QJsonArray{"scripted 1.0"}}}, QJsonValue()}); })
-            << QStringList{"scripted 1.0", "", "%V"};
+        }) << QStringList{"A", "%S"} << QStringList();
+        QTest::newRow("outputs of a void function") << Call([] {
+            setScript("doccameraVeriosn", QJsonArray{QJsonObject{{"out", QJsonArray{"scripted 1.0"}}}, QJsonValue()});
+            return QStringList{version(), version(), version()};
+        }) << QStringList{"scripted 1.0", "", "%V"} << QStringList();
+        const QStringList runs{"%S", "false", "%V"};
+        QTest::newRow("text for a bool") << wrongEntry("GetDeviceStatus_dc", "yes") << runs << QStringList{"counter.json", "\"script.GetDeviceStatus_dc\""};
+        QTest::newRow("number for a text") << wrongEntry("sGetSerialNum", 5) << runs << QStringList{"counter.json", "\"script.sGetSerialNum\""};
+        QTest::newRow("bool for a void") << wrongEntry("doccameraVeriosn", true) << runs << QStringList{"counter.json", "\"script.doccameraVeriosn\""};
+        QTest::newRow("outs of the wrong shape") << wrongEntry("doccameraVeriosn", QJsonObject{{"out", QJsonArray{1}}}) << runs
+                                                 << QStringList{"counter.json", "\"script.doccameraVeriosn\""};
+        QTest::newRow("ret missing") << wrongEntry("GetDeviceStatus_dc", QJsonObject{{"out", QJsonArray{}}}) << runs
+                                     << QStringList{"counter.json", "\"script.GetDeviceStatus_dc\""};
     }
 
-    void scripts()
+    void profileAndScripts()
     {
-        QFETCH(Call, calls);
+        QFETCH(Call, call);
         QFETCH(QStringList, results);
+        QFETCH(QStringList, log);
         results.replaceInStrings("%S", m_defaultSerial).replaceInStrings("%V", m_defaultVersion);
-        QCOMPARE(calls(), results);
-    }
-
-    void wrongScriptEntry_data()
-    {
-        QTest::addColumn<QString>("fn");
-        QTest::addColumn<QJsonValue>("entry");
-        QTest::newRow("text for a bool") << "GetDeviceStatus_dc" << QJsonValue("yes");
-        QTest::newRow("number for a text") << "sGetSerialNum" << QJsonValue(5);
-        QTest::newRow("bool for a void") << "doccameraVeriosn" << QJsonValue(true);
-        QTest::newRow("outs of the wrong shape") << "doccameraVeriosn" << QJsonValue(QJsonObject{{"out", QJsonArray{1}}});
-        QTest::newRow("ret missing") << "GetDeviceStatus_dc" << QJsonValue(QJsonObject{{"out", QJsonArray{}}});
-    }
-
-    // A wrong entry is logged with the file and "script.<function>", and the real call runs.
-    void wrongScriptEntry()
-    {
-        QFETCH(QString, fn);
-        QFETCH(QJsonValue, entry);
-        loadProfileText(R"({"socialSecurityModule": false})", QStringLiteral("counter.json"));
-        LogCapture log(QStringLiteral("devicelib: "));
-        setScript(fn, QJsonArray{entry});
-        if (fn == QLatin1String("GetDeviceStatus_dc"))
-            QCOMPARE(GetDeviceStatus_dc(), false);
-        else if (fn == QLatin1String("sGetSerialNum"))
-            QCOMPARE(serial(), m_defaultSerial);
-        else
-            QCOMPARE(version(), m_defaultVersion);
-        QCOMPARE(log.lines().size(), 1);
-        QVERIFY2(log.lines().first().contains(QStringLiteral("\"script.%1\"").arg(fn)), qPrintable(log.lines().first()));
-        QVERIFY2(log.lines().first().contains(QLatin1String("counter.json")), qPrintable(log.lines().first()));
+        LogCapture lines(QStringLiteral("devicelib: "));
+        QCOMPARE(call(), results);
+        QCOMPARE(lines.lines().size(), log.isEmpty() ? 0 : 1);
+        for (const QString& part : log)
+            QVERIFY2(lines.lines().first().contains(part), qPrintable(lines.lines().first()));
     }
 
     void traceFormat_data()
@@ -218,23 +190,18 @@ private slots:
         QTest::addColumn<QByteArrayList>("lines");
         const auto one = [](std::function<void()> f) { return Call([f] { f(); return QStringList(); }); };
         const auto serialAs = [&](const QJsonValue& v) { return one([v] { setScript("sGetSerialNum", QJsonArray{v}); std::free(sGetSerialNum()); }); };
-        QTest::newRow("plain string") << one([] { bFileIsExist("/no/such/file.jpg"); })
-                                      << QByteArrayList{R"({"fn":"bFileIsExist","args":["/no/such/file.jpg"],"ret":false})"};
-        QTest::newRow("utf-8 kept") << one([] { bFileIsExist("/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg"); })
-                                    << QByteArrayList{"{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg\"],\"ret\":false}"};
+        QTest::newRow("plain string") << one([] { bFileIsExist("/no/such/file.jpg"); }) << QByteArrayList{R"({"fn":"bFileIsExist","args":["/no/such/file.jpg"],"ret":false})"};
+        QTest::newRow("utf-8 kept") << one([] { bFileIsExist("/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg"); }) << QByteArrayList{"{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\xe8\xaf\x81\xe4\xbb\xb6.jpg\"],\"ret\":false}"};
         QTest::newRow("invalid utf-8 escaped") << one([] { bFileIsExist("/no/\xff\xc3.jpg"); })
                                                << QByteArrayList{"{\"fn\":\"bFileIsExist\",\"args\":[\"/no/\\\\xff\\\\xc3.jpg\"],\"ret\":false}"};
         QTest::newRow("quotes and controls") << one([] { bFileIsExist("a\"b\\c\nd\x01"); })
                                              << QByteArrayList{"{\"fn\":\"bFileIsExist\",\"args\":[\"a\\\"b\\\\c\\nd\\u0001\"],\"ret\":false}"};
-        QTest::newRow("null pointer") << one([] { bFileIsExist(nullptr); })
-                                      << QByteArrayList{R"({"fn":"bFileIsExist","args":[null],"ret":false})"};
+        QTest::newRow("null pointer") << one([] { bFileIsExist(nullptr); }) << QByteArrayList{R"({"fn":"bFileIsExist","args":[null],"ret":false})"};
         QTest::newRow("64-bit exact")
             << one([] { traced<long long>("fakeBig", {9007199254740993LL, -9223372036854775807LL}, [] { return 9007199254740993LL; }); })
             << QByteArrayList{R"({"fn":"fakeBig","args":[9007199254740993,-9223372036854775807],"ret":9007199254740993})"};
-        QTest::newRow("void, booleans, fn") << one([] {
-            static int target = 0;
-            traced<void>("fakeVoid", {true, false, FnArg{&target}, FnArg{nullptr}}, [] {});
-        }) << QByteArrayList{R"({"fn":"fakeVoid","args":[true,false,"<fn>",null]})"};
+        static int target = 0;
+        QTest::newRow("void, booleans, fn") << one([] { traced<void>("fakeVoid", {true, false, FnArg{&target}, FnArg{nullptr}}, [] {}); }) << QByteArrayList{R"({"fn":"fakeVoid","args":[true,false,"<fn>",null]})"};
         QTest::newRow("text result") << serialAs("S\"1") << QByteArrayList{"{\"fn\":\"sGetSerialNum\",\"args\":[],\"ret\":\"S\\\"1\"}"};
         QTest::newRow("null text result") << serialAs(QJsonValue()) << QByteArrayList{R"({"fn":"sGetSerialNum","args":[],"ret":null})"};
         QTest::newRow("outputs, scripted then real") << Call([] {
@@ -244,10 +211,7 @@ private slots:
                              R"({"fn":"got","args":[10,20,42]})",
                              R"({"fn":"fakeWithOuts","args":["<out>",7,"<out>"],"out":[1,null,2],"ret":3})",
                              R"({"fn":"got","args":[1,2,3]})"};
-        QTest::newRow("frame fetches left out") << one([] {
-            traced<bool>("getVideoFrameMat", {}, [] { return true; });
-            traced<bool>("bStopPlay", {}, [] { return true; });
-        }) << QByteArrayList{R"({"fn":"bStopPlay","args":[],"ret":true})"};
+        QTest::newRow("frame fetches left out") << one([] { traced<bool>("getVideoFrameMat", {}, [] { return true; }); traced<bool>("bStopPlay", {}, [] { return true; }); }) << QByteArrayList{R"({"fn":"bStopPlay","args":[],"ret":true})"};
         QTest::newRow("no file, no lines") << one([] { setTraceFile(QString()); bFileIsExist("/x"); }) << QByteArrayList();
     }
 
