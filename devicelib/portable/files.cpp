@@ -186,10 +186,10 @@ bool moveEntry(const char* fn, const QString& source, const QString& destination
 // ---------------------------------------------------------------------------------------------
 // The desktop trash, by Qt: $XDG_DATA_HOME/Trash (default ~/.local/share/Trash) for the home
 // file system, the file system's own .Trash-<uid> otherwise; files/ holds the item and
-// info/<name>.trashinfo says where it came from and when. Qt reserves the name by creating the
-// .trashinfo exclusively, but writes the original path as it stands; the trash format wants it
-// percent-encoded (a "%" or a line end in a name would otherwise break restoring), so that line
-// is written again when the path needs it.
+// info/<name>.trashinfo says where it came from and when; a taken name gets "-0001", "-0002", ...
+// Qt 5.15 writes the original path as it stands, but the trash format wants it percent-encoded
+// (a "%" or a line end in a name would otherwise break restoring from the file manager), so that
+// line is written again when the path needs it.
 
 bool moveToTrash(const QString& path)
 {
