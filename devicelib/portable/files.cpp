@@ -2,7 +2,9 @@
 //
 // Rules a page can rely on:
 //  - Nothing is ever overwritten: copy, move and rename refuse an existing destination (file
-//    or folder) and leave both sides as they were. The destination's folder must exist.
+//    or folder) and leave both sides as they were. The destination's folder must exist. The
+//    refusal is the file system's own (an exclusive create or a no-replace rename), so a file
+//    that appears at the destination meanwhile is never replaced either.
 //  - bDeleteFile moves a file or folder to the desktop trash (freedesktop.org layout), so a
 //    counter clerk can still restore it; bDeleteFileForever removes a file, a link or an empty
 //    folder, never a folder with content.
@@ -15,7 +17,6 @@
 #include "devicelib/doccamera.h"
 #include "devicelib/portable/core.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -27,6 +28,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#ifndef RENAME_NOREPLACE
+#define RENAME_NOREPLACE (1 << 0)
+#endif
 
 namespace portable {
 namespace {
@@ -57,12 +67,39 @@ bool checkPath(const char* fn, const QString& path, const char* what = "path")
     return true;
 }
 
-// rename(2), which keeps the file's identity and fails with EXDEV across file systems.
-int renameNative(const QString& from, const QString& to)
+// Renames without ever replacing the destination: renameat2(RENAME_NOREPLACE), or, on a file
+// system without it, link + unlink for a file and an exclusive mkdir + rename for a folder (a
+// folder may replace only the empty one it just made). Keeps the entry's identity; 0 or errno,
+// EEXIST when the destination is taken and EXDEV across file systems.
+int renameNoReplace(const QString& from, const QString& to)
 {
-    if (std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0)
+    const QByteArray f = QFile::encodeName(from);
+    const QByteArray t = QFile::encodeName(to);
+    if (::syscall(SYS_renameat2, AT_FDCWD, f.constData(), AT_FDCWD, t.constData(), RENAME_NOREPLACE) == 0)
         return 0;
-    return errno;
+    if (errno != EINVAL && errno != ENOSYS)
+        return errno;
+    struct stat st {};
+    if (::lstat(f.constData(), &st) != 0)
+        return errno;
+    if (!S_ISDIR(st.st_mode)) {
+        if (::link(f.constData(), t.constData()) != 0)
+            return errno;
+        if (::unlink(f.constData()) != 0) {
+            const int e = errno;
+            ::unlink(t.constData());
+            return e;
+        }
+        return 0;
+    }
+    if (::mkdir(t.constData(), 0700) != 0)
+        return errno;
+    if (::rename(f.constData(), t.constData()) != 0) {
+        const int e = errno;
+        ::rmdir(t.constData());
+        return e;
+    }
+    return 0;
 }
 
 // Copies one regular file; the destination must not exist. Keeps the permissions.
@@ -75,7 +112,9 @@ bool copyFile(const char* fn, const QString& source, const QString& destination)
     }
     QFile out(destination);
     if (!out.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-        logLine(QStringLiteral("%1: cannot create %2 (%3)").arg(QLatin1String(fn), destination, out.errorString()));
+        logLine(present(destination)
+                    ? QStringLiteral("%1: %2 already exists; nothing is overwritten").arg(QLatin1String(fn), destination)
+                    : QStringLiteral("%1: cannot create %2 (%3)").arg(QLatin1String(fn), destination, out.errorString()));
         return false;
     }
     char buffer[64 * 1024];
@@ -96,18 +135,14 @@ bool copyFile(const char* fn, const QString& source, const QString& destination)
     return true;
 }
 
-// The checks every two-path function shares: a source that is there, a destination that is
-// not, and a destination folder that is.
+// The checks every two-path function shares, for a clear log line: a source that is there and
+// a destination folder that is. A taken destination is refused by the operation itself.
 bool checkTwoPaths(const char* fn, const QString& source, const QString& destination)
 {
     if (!checkPath(fn, source, "source") || !checkPath(fn, destination, "destination"))
         return false;
     if (!present(source)) {
         logLine(QStringLiteral("%1: %2 does not exist").arg(QLatin1String(fn), source));
-        return false;
-    }
-    if (present(destination)) {
-        logLine(QStringLiteral("%1: %2 already exists; nothing is overwritten").arg(QLatin1String(fn), destination));
         return false;
     }
     const QString folder = QFileInfo(destination).absolutePath();
@@ -121,9 +156,13 @@ bool checkTwoPaths(const char* fn, const QString& source, const QString& destina
 // Moves within a file system by rename, across file systems by copy and remove (files only).
 bool moveEntry(const char* fn, const QString& source, const QString& destination)
 {
-    const int e = renameNative(source, destination);
+    const int e = renameNoReplace(source, destination);
     if (e == 0)
         return true;
+    if (e == EEXIST) {
+        logLine(QStringLiteral("%1: %2 already exists; nothing is overwritten").arg(QLatin1String(fn), destination));
+        return false;
+    }
     if (e != EXDEV) {
         logLine(QStringLiteral("%1: cannot move %2 to %3 (%4)").arg(QLatin1String(fn), source, destination, errnoText(e)));
         return false;
@@ -145,74 +184,36 @@ bool moveEntry(const char* fn, const QString& source, const QString& destination
 }
 
 // ---------------------------------------------------------------------------------------------
-// The desktop trash: $XDG_DATA_HOME/Trash (default ~/.local/share/Trash) with files/ holding the
-// item and info/<name>.trashinfo telling where it came from and when.
-
-QString trashDir()
-{
-    QString base = qEnvironmentVariable("XDG_DATA_HOME");
-    if (base.isEmpty() || !QDir::isAbsolutePath(base))
-        base = QDir::homePath() + QStringLiteral("/.local/share");
-    return base + QStringLiteral("/Trash");
-}
-
-// A name free in both files/ and info/, reserved by creating its .trashinfo exclusively so two
-// deletions of same-named files never take the same slot.
-bool reserveTrashName(const QString& trash, const QString& original, QString* name, QFile* info)
-{
-    const QFileInfo fi(original);
-    const QString fileName = fi.fileName();
-    const int dot = fileName.lastIndexOf(QLatin1Char('.'));
-    const QString stem = dot > 0 ? fileName.left(dot) : fileName;
-    const QString ext = dot > 0 ? fileName.mid(dot) : QString();
-    for (int n = 1; n < 10000; ++n) {
-        const QString candidate = n == 1 ? fileName : QStringLiteral("%1.%2%3").arg(stem).arg(n).arg(ext);
-        if (present(trash + QStringLiteral("/files/") + candidate))
-            continue;
-        info->setFileName(trash + QStringLiteral("/info/") + candidate + QStringLiteral(".trashinfo"));
-        if (info->open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-            *name = candidate;
-            return true;
-        }
-        if (info->error() != QFileDevice::OpenError || !present(info->fileName()))
-            return false;
-    }
-    return false;
-}
+// The desktop trash, by Qt: $XDG_DATA_HOME/Trash (default ~/.local/share/Trash) for the home
+// file system, the file system's own .Trash-<uid> otherwise; files/ holds the item and
+// info/<name>.trashinfo says where it came from and when; a taken name gets "-0001", "-0002", ...
+// Qt 5.15 writes the original path as it stands, but the trash format wants it percent-encoded
+// (a "%" or a line end in a name would otherwise break restoring from the file manager), so that
+// line is written again when the path needs it.
 
 bool moveToTrash(const QString& path)
 {
-    const char* fn = "bDeleteFile";
-    const QString trash = trashDir();
-    for (const char* sub : {"/files", "/info"}) {
-        const QString dir = trash + QLatin1String(sub);
-        if (!QDir().mkpath(dir)) {
-            logLine(QStringLiteral("bDeleteFile: cannot create the trash folder %1").arg(dir));
-            return false;
-        }
-        QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    }
-    QString name;
-    QFile info;
-    if (!reserveTrashName(trash, path, &name, &info)) {
-        logLine(QStringLiteral("bDeleteFile: no free name in the trash for %1 (%2)").arg(path, info.errorString()));
-        return false;
-    }
-    // The original location, absolute and percent-encoded as the trash format wants it.
     const QString absolute = QFileInfo(path).absoluteFilePath();
-    const QByteArray text = QByteArrayLiteral("[Trash Info]\nPath=") + QUrl::toPercentEncoding(absolute, "/")
-        + QByteArrayLiteral("\nDeletionDate=")
-        + QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss")).toLatin1() + '\n';
-    if (info.write(text) != text.size() || !info.flush()) {
-        logLine(QStringLiteral("bDeleteFile: cannot write %1 (%2)").arg(info.fileName(), info.errorString()));
-        info.close();
-        info.remove();
+    QFile item(path);
+    if (!item.moveToTrash()) {
+        logLine(QStringLiteral("bDeleteFile: cannot move %1 to the trash (%2)").arg(path, item.errorString()));
         return false;
     }
+    const QByteArray encoded = QUrl::toPercentEncoding(absolute, "/");
+    if (encoded == absolute.toUtf8())
+        return true;
+    const QFileInfo trashed(item.fileName());
+    QFile info(trashed.absolutePath() + QStringLiteral("/../info/") + trashed.fileName() + QStringLiteral(".trashinfo"));
+    QByteArray text;
+    if (info.open(QIODevice::ReadOnly))
+        text = info.readAll();
     info.close();
-    if (!moveEntry(fn, path, trash + QStringLiteral("/files/") + name)) {
-        info.remove();
-        return false;
+    const int from = text.indexOf("\nPath=");
+    const int to = from < 0 ? -1 : text.indexOf("\nDeletionDate=", from);
+    if (to < 0 || !info.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        || info.write(text.left(from) + "\nPath=" + encoded + text.mid(to)) < 0) {
+        logLine(QStringLiteral("bDeleteFile: moved %1 to the trash, but cannot write its original place into %2")
+                    .arg(path, info.fileName()));
     }
     return true;
 }
