@@ -3,6 +3,7 @@
 #include "app/security.h"
 #include "app/startup.h"
 #include "devicelib/doccamera.h"
+#include "files/pathpolicy.h"
 #include "log/qlog.h"
 #include "transport/websocketservermanager.h"
 
@@ -59,6 +60,7 @@ int main(int argc, char* argv[])
     const SecuritySettings security = SecuritySettings::load(ConfigIni::defaultPath());
     auto* server = new WebSocketServerManager(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode, nullptr);
     server->setSecurity(security);
+    pathpolicy::setRoots(security.fileRoots);
     server->websocke_server_start(security.listenAddresses(), 1818);
 
     QGuiApplication::setQuitOnLastWindowClosed(false);
