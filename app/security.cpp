@@ -25,7 +25,23 @@ void badKey(const QString& path, const char* key, const QVariant& v, const char*
                              .arg(path, QLatin1String(key), v.toString(), QLatin1String(keeps));
 }
 
+SecuritySettings& active()
+{
+    static SecuritySettings settings;
+    return settings;
+}
+
 }  // namespace
+
+const SecuritySettings& activeSecurity()
+{
+    return active();
+}
+
+void setActiveSecurity(const SecuritySettings& settings)
+{
+    active() = settings;
+}
 
 SecuritySettings SecuritySettings::load(const QString& iniPath)
 {
