@@ -136,8 +136,8 @@ std::unique_ptr<QLog>& logOwner()
 }
 
 // Whether this thread holds the log mutex, and the messages it printed meanwhile. Such a message
-// (Qt warning from QFile, QTcpServer or QThread, or a slot of sig_newLog that prints) cannot wait
-// for the mutex its own thread holds; it is written as soon as the current message is done.
+// (a Qt warning from QFile, QTcpServer or QThread, a clock that prints) cannot wait for the mutex
+// its own thread holds; it is written as soon as the work in hand is done.
 thread_local int t_holding = 0;
 thread_local QStringList t_pending;
 

@@ -3,9 +3,10 @@
 // TCP listeners (QLogToNet, in a thread of its own) or to the sig_newLog signal.
 //
 // The log adds nothing to a message: no time stamp, no level. Nothing here prints a message of its
-// own. A message that Qt prints on a thread while that thread holds the log's (non-recursive) mutex,
-// from inside the handler or a slot of sig_newLog, is kept aside and written right after the message
-// being written, never waited for.
+// own. A message printed on a thread while that thread holds the log's (non-recursive) mutex outside
+// the handler (the clock asked by retention, a Qt warning while the mirror stops) is kept aside and
+// written as soon as that work is done, never waited for. One printed from within the handler call
+// itself (a slot of sig_newLog) never reaches it: Qt sends such a nested message to standard error.
 #pragma once
 
 #include <QDateTime>

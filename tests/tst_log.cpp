@@ -25,9 +25,7 @@ quint16 freePort()
 QByteArray readBytes(QTcpSocket& socket, int want)
 {
     QByteArray got;
-    for (int i = 0; i < 100 && got.size() < want; ++i)
-        if (socket.bytesAvailable() || socket.waitForReadyRead(50))
-            got += socket.readAll();
+    waitFor([&] { return (got += socket.readAll()).size() >= want; });
     return got;
 }
 
@@ -104,7 +102,8 @@ private slots:
         QVERIFY(QFileInfo(QCoreApplication::applicationDirPath() + QStringLiteral("/log")).isDir());
     }
 
-    // steps: messages, "@n" moves the clock n seconds on, "#dir" moves the log to a subfolder.
+    // steps: messages; "@n" moves the clock n seconds on; "#dir" moves the log to a subfolder;
+    // "=n" sets the flags; "?a|b" runs retention with a clock that prints a, then b, when asked.
     // expected: relative file name, content, file name, content... (every file of the folder).
     void logFiles_data()
     {
@@ -112,30 +111,39 @@ private slots:
         QTest::addColumn<int>("maxSize");
         QTest::addColumn<QStringList>("steps");
         QTest::addColumn<QStringList>("expected");
+        QTest::addColumn<QStringList>("signalled");
         const QDateTime build(QDate(2022, 11, 17), QTime(11, 28, 11));
         const QString day = "vx_log_2022-11-17", at = day + "-112811";
         const int big = 52428800;   // every line below is 3 bytes in the file
+        const QStringList none;
         QTest::newRow("every type as printed")
             << build << big << QStringList{"[2022-11-17 11:28:11]  boreaTcp：系统启动", "debug 7", "a warning", "%1 in it"}
-            << QStringList{day + ".txt", "[2022-11-17 11:28:11]  boreaTcp：系统启动\ndebug 7\na warning\n%1 in it\n"};
+            << QStringList{day + ".txt", "[2022-11-17 11:28:11]  boreaTcp：系统启动\ndebug 7\na warning\n%1 in it\n"} << none;
+        QTest::newRow("flags choose the outputs") << build << big << QStringList{"l0", "=4", "l1", "=0", "l2"}
+                                                  << QStringList{day + ".txt", "l0\n"} << QStringList{"l1"};
         QTest::newRow("leap day") << QDateTime(QDate(2024, 2, 29), QTime(0, 0)) << big << QStringList{"l0"}
-                                  << QStringList{"vx_log_2024-02-29.txt", "l0\n"};
+                                  << QStringList{"vx_log_2024-02-29.txt", "l0\n"} << none;
         QTest::newRow("midnight starts the next file")
             << QDateTime(QDate(2023, 12, 31), QTime(23, 59, 59)) << big << QStringList{"l0", "@2", "l1"}
-            << QStringList{"vx_log_2023-12-31.txt", "l0\n", "vx_log_2024-01-01.txt", "l1\n"};
+            << QStringList{"vx_log_2023-12-31.txt", "l0\n", "vx_log_2024-01-01.txt", "l1\n"} << none;
         QTest::newRow("a new folder takes the next message") << build << big << QStringList{"l0", "#deeper/log", "l1"}
-                                                             << QStringList{"deeper/log/" + day + ".txt", "l1\n", day + ".txt", "l0\n"};
+                                                             << QStringList{"deeper/log/" + day + ".txt", "l1\n", day + ".txt", "l0\n"} << none;
         // The size is the file's before the message in hand, so a rotation comes one line late.
         QTest::newRow("past the maximum: the day file reopens with the next message")
-            << build << 5 << QStringList{"l0", "l1", "l2"} << QStringList{at + ".txt", "l0\nl1\nl2\n"};
+            << build << 5 << QStringList{"l0", "l1", "l2"} << QStringList{at + ".txt", "l0\nl1\nl2\n"} << none;
         QTest::newRow("exactly the maximum stays") << build << 6 << QStringList{"l0", "l1", "l2", "l3", "l4"}
-                                                   << QStringList{at + ".txt", "l0\nl1\nl2\nl3\n", day + ".txt", "l4\n"};
+                                                   << QStringList{at + ".txt", "l0\nl1\nl2\nl3\n", day + ".txt", "l4\n"} << none;
         QTest::newRow("rotations in one second keep every file")
             << build << 5 << QStringList{"l0", "l1", "l2", "l3", "l4", "l5", "l6", "l7", "l8", "l9"}
             << QStringList{at + ".txt", "l0\nl1\nl2\n", at + "-2.txt", "l3\nl4\nl5\n", at + "-3.txt", "l6\nl7\nl8\n",
-                           day + ".txt", "l9\n"};
+                           day + ".txt", "l9\n"} << none;
         QTest::newRow("a second later the plain name") << build << 5 << QStringList{"l0", "l1", "l2", "@1", "l3", "l4", "l5"}
-                                                       << QStringList{at + ".txt", "l0\nl1\nl2\n", day + "-112812.txt", "l3\nl4\nl5\n"};
+                                                       << QStringList{at + ".txt", "l0\nl1\nl2\n", day + "-112812.txt", "l3\nl4\nl5\n"} << none;
+        // A message printed on a thread that holds the log neither deadlocks nor is lost.
+        QTest::newRow("printed under the lock: kept") << build << big << QStringList{"?inner"}
+                                                      << QStringList{day + ".txt", "inner\n"} << none;
+        QTest::newRow("writing a kept message prints again") << build << big << QStringList{"l0", "?i1|i2", "l3"}
+                                                             << QStringList{day + ".txt", "l0\ni1\ni2\nl3\n"} << none;
     }
 
     void logFiles()
@@ -144,18 +152,29 @@ private slots:
         QFETCH(int, maxSize);
         QFETCH(QStringList, steps);
         QFETCH(QStringList, expected);
+        QFETCH(QStringList, signalled);
         m_now = start;
+        QStringList clockSays;
+        log()->setClock([&] {
+            if (!clockSays.isEmpty())
+                qWarning("%s", qPrintable(clockSays.takeFirst()));
+            return m_now;
+        });
         log()->setMaxLogSize(maxSize);
+        QSignalSpy spy(log(), &QLog::sig_newLog);
         log()->handler(QLog::LogToFile);
         for (int i = 0; i < steps.size(); ++i) {
-            if (steps[i].startsWith('@'))
-                m_now = m_now.addSecs(steps[i].mid(1).toInt());
-            else if (steps[i].startsWith('#'))
-                log()->setLogPath(dir() + "/" + steps[i].mid(1));
-            else
-                print(i, steps[i]);
+            const QString arg = steps[i].mid(1);
+            switch (steps[i][0].unicode()) {
+            case '@': m_now = m_now.addSecs(arg.toInt()); break;
+            case '#': log()->setLogPath(dir() + "/" + arg); break;
+            case '=': log()->handler(QLog::HandlerFlags(arg.toInt())); break;
+            case '?': clockSays = arg.split('|'); log()->autoDeleteLog(); break;
+            default: print(i, steps[i]);
+            }
         }
         log()->handler({});
+        log()->setClock([this] { return m_now; });
         QStringList names;
         for (int i = 0; i < expected.size(); i += 2) {
             names << expected[i];
@@ -163,6 +182,10 @@ private slots:
         }
         names.sort();
         QCOMPARE(allFiles(), names);
+        QStringList got;
+        for (const QList<QVariant>& args : qAsConst(spy))
+            got << args.at(0).toString();
+        QCOMPARE(got, signalled);
     }
 
     void retention_data()
@@ -173,13 +196,10 @@ private slots:
         QTest::addColumn<QStringList>("kept");
 
         const qint64 day = 24 * 3600;
-        const QStringList four{"vx_log_2001-01-01.txt", "vx_log_2001-01-02.txt", "vx_log_2001-01-03.txt",
-                               "vx_log_2001-01-03-101010-2.txt"};
-        const QStringList three = four.mid(0, 3);
-        QTest::newRow("fewer files than saveDay: nothing deleted")
-            << 6 << (four + QStringList{"notes.txt"}) << 7 * day << (four + QStringList{"notes.txt"});
-        QTest::newRow("saveDay files, the one without vx counted but kept")
-            << 5 << (four + QStringList{"notes.txt"}) << 6 * day << QStringList{"notes.txt"};
+        const QStringList three{"vx_log_2001-01-01.txt", "vx_log_2001-01-02.txt", "vx_log_2001-01-03-101010-2.txt"};
+        const QStringList four = three + QStringList{"vx_log_2001-01-03.txt"}, five = four + QStringList{"notes.txt"};
+        QTest::newRow("fewer files than saveDay: nothing deleted") << 6 << five << 7 * day << five;
+        QTest::newRow("saveDay files, the one without vx counted but kept") << 5 << five << 6 * day << QStringList{"notes.txt"};
         QTest::newRow("more files than saveDay") << 3 << four << 4 * day << QStringList{};
         QTest::newRow("files younger than the cutoff kept") << 3 << four << (3 * day - 3600) << four;
         QTest::newRow("other extensions neither counted nor deleted")
@@ -210,50 +230,6 @@ private slots:
         QCOMPARE(allFiles(), expected);
     }
 
-    void flagsChooseTheOutputs()
-    {
-        QSignalSpy spy(log(), &QLog::sig_newLog);
-        log()->handler(QLog::LogToFile);
-        qInfo("kept");
-        log()->handler(QLog::LogToSignal);
-        qInfo("to the signal");
-        log()->handler({});
-        qInfo("not in the file");
-        QCOMPARE(allFiles(), QStringList{"vx_log_2022-11-17.txt"});
-        QCOMPARE(readFile(dayFile()), QByteArray("kept\n"));
-        QCOMPARE(spy.count(), 1);
-        QCOMPARE(spy.at(0).at(0).toString(), QStringLiteral("to the signal"));
-
-        QTemporaryDir empty;
-        log()->setLogPath(empty.path());
-        qInfo("to the default output");
-        QVERIFY(QDir(empty.path()).entryList(QDir::Files).isEmpty());
-    }
-
-    // A message printed on a thread that holds the log (here by the clock, asked under the lock
-    // by retention) neither deadlocks nor is lost: it is written once the work in hand is done.
-    void reentry_data()
-    {
-        QTest::addColumn<QStringList>("printed");   // by the clock, one per call
-        QTest::newRow("one message") << QStringList{"inner"};
-        QTest::newRow("writing a kept message prints again") << QStringList{"inner 1", "inner 2"};
-    }
-
-    void reentry()
-    {
-        QFETCH(QStringList, printed);
-        log()->handler(QLog::LogToFile);
-        QStringList left = printed;
-        log()->setClock([&] {
-            if (!left.isEmpty())
-                qWarning("%s", qPrintable(left.takeFirst()));
-            return m_now;
-        });
-        log()->autoDeleteLog();
-        log()->handler({});
-        QCOMPARE(readFile(dayFile()), (printed.join('\n') + '\n').toUtf8());
-    }
-
     // Every client gets the raw UTF-8 of each message; one that leaves is dropped.
     void netMirrorsToEveryClient()
     {
@@ -261,10 +237,8 @@ private slots:
         log()->setPort(port);
         log()->handler(QLog::LogToNet);
         qInfo("starts the network log");
-        QTcpSocket first;
-        QTcpSocket second;
-        QVERIFY(attach(first, port));
-        QVERIFY(attach(second, port));
+        QTcpSocket first, second;
+        QVERIFY(attach(first, port) && attach(second, port));
         while (first.waitForReadyRead(200))
             first.readAll();
         QTRY_COMPARE(log()->netClientCount(), 2);
@@ -287,9 +261,7 @@ private slots:
         log()->setPort(freePort());
         QCOMPARE(log()->netClientCount(), -1);
         QVERIFY(second.state() == QAbstractSocket::UnconnectedState || second.waitForDisconnected(3000));
-        QTcpSocket late;
-        late.connectToHost(QHostAddress::LocalHost, port);
-        QVERIFY2(!late.waitForConnected(1000), "the old port must be closed");
+        QVERIFY2(!attach(first, port), "the old port must be closed");
     }
 
     // The mirror listens where the "listen" setting says: loopback unless told otherwise.
