@@ -85,7 +85,9 @@ InstanceLock takeInstanceLock(QLockFile& lock)
 void holdDeviceLibraryLines()
 {
     // Qt hands back its own output routine when no other handler was installed.
-    g_qtOutput = qInstallMessageHandler(holdingHandler);
+    const QtMessageHandler previous = qInstallMessageHandler(holdingHandler);
+    if (previous != holdingHandler)
+        g_qtOutput = previous;
 }
 
 int replayDeviceLibraryLines()
