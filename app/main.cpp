@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QDebug>
 #include <QHostAddress>
+#include <QLockFile>
 #include <QWebSocketServer>
 
 #include <cstdlib>
@@ -34,6 +35,9 @@ void logCameraLibraryVersion()
 
 int main(int argc, char* argv[])
 {
+    // From the first line on: what the device library says about its profile must also reach
+    // the log file, which opens only after the single-instance check.
+    startup::holdDeviceLibraryLines();
     static char loggingRules[] = "QT_LOGGING_RULES=\"*.debug=true\"";
     putenv(loggingRules);
     // The server opens no window; on a terminal without a desktop session (a service, a test
@@ -45,19 +49,41 @@ int main(int argc, char* argv[])
     logBuildTime();
     logCameraLibraryVersion();
 
-    if (startup::runningInstances() > 1) {
+    // The lock file decides which of two servers started at once is the one: exactly one can
+    // take it, while each would count the other in the process list and both would leave. The
+    // process count is still taken and logged, and decides alone only when the lock file cannot
+    // be made at all. The lock lives, and is held, until the process ends; a killed server's lock
+    // is taken over by the next start.
+    QLockFile instanceLock(startup::instanceLockPath());
+    const startup::InstanceLock lock = startup::takeInstanceLock(instanceLock);
+    const long counted = startup::runningInstances();
+    if (lock == startup::InstanceLock::HeldElsewhere || (lock == startup::InstanceLock::Unusable && counted > 1)) {
         qInfo() << startup::logPrefix().constData() << "process[rvowebSocketServer] is already running!!!";
         exit(0);
     }
+    if (lock == startup::InstanceLock::Unusable)
+        qInfo().noquote() << startup::logPrefix().constData()
+                          << QStringLiteral("instance lock %1 cannot be made (error %2): the process count decides")
+                                 .arg(startup::instanceLockPath())
+                                 .arg(int(instanceLock.error()));
+    else if (counted > 1)
+        qInfo().noquote() << startup::logPrefix().constData()
+                          << QStringLiteral("this process holds %1: the others counted are leaving or serve another folder")
+                                 .arg(startup::instanceLockPath());
 
     QLog::instance()->handler(QLog::LogToFile);
+    startup::replayDeviceLibraryLines();
     qInfo() << startup::logPrefix().constData() << "boreaTcp：系统启动";
     logBuildTime();
     logCameraLibraryVersion();
 
+    // Who may reach the server, its log mirror and its files is the counter's own choice
+    // ("[security]" in server.ini), read once.
+    setActiveSecurity(SecuritySettings::load(ConfigIni::defaultPath()));
+    const SecuritySettings& security = activeSecurity();
+    QLog::instance()->setNetAddresses(security.listenAddresses());
+
     // Lives as long as the process.
-    // Who may reach the server is the counter's own choice ("[security]" in server.ini).
-    const SecuritySettings security = SecuritySettings::load(ConfigIni::defaultPath());
     auto* server = new WebSocketServerManager(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode, nullptr);
     server->setSecurity(security);
     pathpolicy::setRoots(security.fileRoots);

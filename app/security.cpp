@@ -39,7 +39,23 @@ void readPositive(const QSettings& ini, const QString& path, const char* key, co
         badKey(path, key, v, keeps);
 }
 
+SecuritySettings& active()
+{
+    static SecuritySettings settings;
+    return settings;
+}
+
 }  // namespace
+
+const SecuritySettings& activeSecurity()
+{
+    return active();
+}
+
+void setActiveSecurity(const SecuritySettings& settings)
+{
+    active() = settings;
+}
 
 SecuritySettings SecuritySettings::load(const QString& iniPath)
 {

@@ -31,3 +31,8 @@ struct SecuritySettings {
     // The addresses to bind, in order (the loopback pair, every address, or the one given).
     QList<QHostAddress> listenAddresses() const;
 };
+
+// The settings the running server was started with: read once by start-up, then read by the
+// transport and the log mirror. Set before the server starts listening; the defaults until then.
+const SecuritySettings& activeSecurity();
+void setActiveSecurity(const SecuritySettings& settings);

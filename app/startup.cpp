@@ -1,13 +1,34 @@
 #include "app/startup.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDebug>
+#include <QLockFile>
+#include <QMutex>
 #include <QString>
+#include <QStringList>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+namespace {
+
+QBasicMutex g_heldMutex;
+QStringList g_heldLines;
+QtMessageHandler g_qtOutput = nullptr;
+
+void holdingHandler(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (message.startsWith(QLatin1String("devicelib: "))) {
+        QMutexLocker lock(&g_heldMutex);
+        g_heldLines.append(message);
+    }
+    g_qtOutput(type, context, message);
+}
+
+}  // namespace
 
 namespace startup {
 
@@ -46,6 +67,39 @@ long countFromPipeline(const char* pipeline)
 long runningInstances()
 {
     return countFromPipeline(kInstancePipeline);
+}
+
+QString instanceLockPath()
+{
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/rvowebSocketServer.lock");
+}
+
+InstanceLock takeInstanceLock(QLockFile& lock)
+{
+    lock.setStaleLockTime(0);
+    if (lock.tryLock(0))
+        return InstanceLock::Owned;
+    return lock.error() == QLockFile::LockFailedError ? InstanceLock::HeldElsewhere : InstanceLock::Unusable;
+}
+
+void holdDeviceLibraryLines()
+{
+    // Qt hands back its own output routine when no other handler was installed.
+    const QtMessageHandler previous = qInstallMessageHandler(holdingHandler);
+    if (previous != holdingHandler)
+        g_qtOutput = previous;
+}
+
+int replayDeviceLibraryLines()
+{
+    QStringList lines;
+    {
+        QMutexLocker lock(&g_heldMutex);
+        lines.swap(g_heldLines);
+    }
+    for (const QString& line : qAsConst(lines))
+        qInfo().noquote() << line;
+    return lines.size();
 }
 
 bool chooseHeadlessPlatform()

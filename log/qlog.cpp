@@ -14,28 +14,52 @@
 #include <QThread>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 // ---------------------------------------------------------------------------------------------
 // QLogToNet
 
+namespace {
+
+QList<QHostAddress> loopbackAddresses()
+{
+    return {QHostAddress(QHostAddress::LocalHost), QHostAddress(QHostAddress::LocalHostIPv6)};
+}
+
+}  // namespace
+
 struct QLogToNet::Private {
     QMutex mutex;
-    QTcpServer* server = nullptr;
+    QList<QTcpServer*> servers;
     QList<QTcpSocket*> clients;
 };
 
-QLogToNet::QLogToNet(unsigned short port, QObject* parent) : QObject(parent), d(new Private)
+QLogToNet::QLogToNet(unsigned short port, QObject* parent) : QLogToNet(port, loopbackAddresses(), parent) {}
+
+QLogToNet::QLogToNet(unsigned short port, const QList<QHostAddress>& addresses, QObject* parent)
+    : QObject(parent), d(new Private)
 {
-    d->server = new QTcpServer(this);
-    connect(d->server, &QTcpServer::newConnection, this, &QLogToNet::slot_newConnection);
-    // A port that cannot be bound leaves the network log silent; nobody is told.
-    d->server->listen(QHostAddress::AnyIPv4, port);
+    for (const QHostAddress& address : addresses) {
+        auto* server = new QTcpServer(this);
+        connect(server, &QTcpServer::newConnection, this, &QLogToNet::slot_newConnection);
+        // An address or port that cannot be bound (no IPv6 on this machine, say) is skipped
+        // silently: the log cannot report on itself.
+        if (server->listen(address, port))
+            d->servers.append(server);
+        else
+            delete server;
+    }
 }
 
 QLogToNet::~QLogToNet()
 {
-    if (d->server->isListening())
-        d->server->close();
+    for (QTcpServer* server : qAsConst(d->servers))
+        if (server->isListening())
+            server->close();
 }
 
 int QLogToNet::clientCount() const
@@ -47,12 +71,14 @@ int QLogToNet::clientCount() const
 void QLogToNet::slot_newConnection()
 {
     QMutexLocker lock(&d->mutex);
-    while (d->server->hasPendingConnections()) {
-        QTcpSocket* socket = d->server->nextPendingConnection();
-        if (!socket)
-            continue;
-        connect(socket, &QTcpSocket::disconnected, this, &QLogToNet::slot_disconnected);
-        d->clients.append(socket);
+    for (QTcpServer* server : qAsConst(d->servers)) {
+        while (server->hasPendingConnections()) {
+            QTcpSocket* socket = server->nextPendingConnection();
+            if (!socket)
+                continue;
+            connect(socket, &QTcpSocket::disconnected, this, &QLogToNet::slot_disconnected);
+            d->clients.append(socket);
+        }
     }
 }
 
@@ -89,6 +115,7 @@ struct QLog::Private {
     QString name = QStringLiteral("vx");
     QFile file;
     QString currentFileName;
+    QList<QHostAddress> netAddresses = loopbackAddresses();
     QLogToNet* net = nullptr;
     QThread* netThread = nullptr;
     HandlerFlags flags;
@@ -108,7 +135,56 @@ std::unique_ptr<QLog>& logOwner()
     return owner;
 }
 
+// Whether this thread holds the log mutex, and the messages it printed meanwhile. Such a message
+// (a Qt warning from QFile, QTcpServer or QThread, a clock that prints) cannot wait for the mutex
+// its own thread holds; it is written as soon as the work in hand is done.
+thread_local int t_holding = 0;
+thread_local QStringList t_pending;
+
+// Every kept message may print again when written; past this many in a row the rest go to
+// standard error, so a message that always prints another cannot loop forever.
+constexpr int kMaxPendingWrites = 1000;
+
+// Moves a file to a name that is free, never replacing one; errno is EEXIST when the name is taken.
+bool moveNoReplace(const QString& from, const QString& to)
+{
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray target = QFile::encodeName(to);
+    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    // A file system without the no-replace rename: a hard link cannot replace a file either.
+    if (::link(source.constData(), target.constData()) != 0)
+        return false;
+    ::unlink(source.constData());
+    return true;
+}
+
 }  // namespace
+
+// Holds the log mutex for this thread; messages the thread prints meanwhile are kept aside and
+// written, under the same hold, just before it is released.
+class QLogHold {
+public:
+    explicit QLogHold(QLog* log) : m_log(log)
+    {
+        m_log->d->mutex.lock();
+        ++t_holding;
+    }
+    ~QLogHold()
+    {
+        if (t_holding == 1)
+            m_log->writePendingLocked();
+        --t_holding;
+        m_log->d->mutex.unlock();
+    }
+    QLogHold(const QLogHold&) = delete;
+    QLogHold& operator=(const QLogHold&) = delete;
+
+private:
+    QLog* m_log;
+};
 
 QLog* QLog::instance()
 {
@@ -147,7 +223,7 @@ QLog::HandlerFlags QLog::flags() const
 void QLog::handler(HandlerFlags flags)
 {
     {
-        QMutexLocker lock(&d->mutex);
+        QLogHold hold(this);
         if (flags == d->flags)
             return;
         qInstallMessageHandler(nullptr);
@@ -197,7 +273,7 @@ QString QLog::logPath() const
 
 void QLog::setLogPath(const QString& path)
 {
-    QMutexLocker lock(&d->mutex);
+    QLogHold hold(this);
     d->logPath = QDir::toNativeSeparators(path);
     // The open file stays open: the next message computes its name in the new folder.
     QDir().mkpath(d->logPath);
@@ -211,11 +287,28 @@ unsigned short QLog::netPort() const
 
 void QLog::setPort(unsigned short port)
 {
-    QMutexLocker lock(&d->mutex);
+    QLogHold hold(this);
     if (port == d->port)
         return;
     d->port = port;
     // The next message for the network log listens on the new port.
+    stopNetLocked();
+}
+
+QList<QHostAddress> QLog::netAddresses() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->netAddresses;
+}
+
+void QLog::setNetAddresses(const QList<QHostAddress>& addresses)
+{
+    const QList<QHostAddress> wanted = addresses.isEmpty() ? loopbackAddresses() : addresses;
+    QLogHold hold(this);
+    if (wanted == d->netAddresses)
+        return;
+    d->netAddresses = wanted;
+    // The next message for the network log listens there.
     stopNetLocked();
 }
 
@@ -237,13 +330,13 @@ void QLog::toNet(QString message)
 
 void QLog::createLogNet()
 {
-    QMutexLocker lock(&d->mutex);
+    QLogHold hold(this);
     createLogNetLocked();
 }
 
 void QLog::autoDeleteLog()
 {
-    QMutexLocker lock(&d->mutex);
+    QLogHold hold(this);
     autoDeleteLogLocked();
 }
 
@@ -257,12 +350,35 @@ void QLog::messageHandler(QtMsgType type, const QMessageLogContext& context, con
 {
     Q_UNUSED(type)
     Q_UNUSED(context)
+    if (t_holding) {
+        t_pending.append(message);
+        return;
+    }
     instance()->write(message);
 }
 
 void QLog::write(const QString& message)
 {
-    QMutexLocker lock(&d->mutex);
+    QLogHold hold(this);
+    writeLocked(message);
+}
+
+void QLog::writePendingLocked()
+{
+    for (int written = 0; !t_pending.isEmpty(); ++written) {
+        const QString message = t_pending.takeFirst();
+        if (d->flags && written < kMaxPendingWrites) {
+            writeLocked(message);
+        } else {
+            // The handler is off (Qt's own output is in force again) or the messages keep coming.
+            std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
+            std::fflush(stderr);
+        }
+    }
+}
+
+void QLog::writeLocked(const QString& message)
+{
     if (!d->flags)
         return;
     // Every message type alike: the text as it was printed, nothing added.
@@ -289,12 +405,19 @@ void QLog::write(const QString& message)
                 size = d->file.size();
             }
             if (size > d->maxLogSize) {
-                const QString rotated = QStringLiteral("%1/%2_log_%3.txt")
-                                            .arg(d->logPath, d->name,
-                                                 d->now().toString(QStringLiteral("yyyy-MM-dd-hhmmss")));
-                // Two rotations in one second collide; the file then grows until a later one.
-                d->file.rename(rotated);
+                const QString stem = QStringLiteral("%1/%2_log_%3")
+                                         .arg(d->logPath, d->name,
+                                              d->now().toString(QStringLiteral("yyyy-MM-dd-hhmmss")));
                 d->file.close();
+                // A second rotation within the same second takes "-2", then "-3", ...: a rotated
+                // file is never replaced, and every name keeps the prefix that retention looks for.
+                // A rename that fails otherwise leaves the day file to grow until the next try.
+                for (int n = 1; n <= 1000; ++n) {
+                    const QString rotated = n == 1 ? stem + QStringLiteral(".txt")
+                                                   : QStringLiteral("%1-%2.txt").arg(stem).arg(n);
+                    if (moveNoReplace(d->currentFileName, rotated) || errno != EEXIST)
+                        break;
+                }
                 d->currentFileName.clear();
             }
         }
@@ -314,7 +437,7 @@ void QLog::createLogNetLocked()
 {
     if (d->net)
         return;
-    d->net = new QLogToNet(d->port, nullptr);
+    d->net = new QLogToNet(d->port, d->netAddresses, nullptr);
     connect(this, &QLog::sig_toNet, d->net, &QLogToNet::slot_toNet);
     // The thread is owned by hand rather than parented: the message that starts the network log
     // may come from any thread, and a cross-thread parent would make Qt print a warning here,

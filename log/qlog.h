@@ -2,12 +2,17 @@
 // to a dated file in the log folder (rotated by size, old files deleted by age), and on request to
 // TCP listeners (QLogToNet, in a thread of its own) or to the sig_newLog signal.
 //
-// The log adds nothing to a message: no time stamp, no level. Nothing here may print a message of
-// its own, since it is the message handler and its mutex is not recursive.
+// The log adds nothing to a message: no time stamp, no level. Nothing here prints a message of its
+// own. A message printed on a thread while that thread holds the log's (non-recursive) mutex outside
+// the handler (the clock asked by retention, a Qt warning while the mirror stops) is kept aside and
+// written as soon as that work is done, never waited for. One printed from within the handler call
+// itself (a slot of sig_newLog) never reaches it: Qt sends such a nested message to standard error.
 #pragma once
 
 #include <QDateTime>
 #include <QFlags>
+#include <QHostAddress>
+#include <QList>
 #include <QObject>
 #include <QString>
 
@@ -16,12 +21,15 @@
 
 class QThread;
 
-// The network log: a TCP server on all IPv4 addresses that copies each message, as raw UTF-8 with
-// no separator, to every connected client. Lives in the network log thread.
+// The network log: a TCP server that copies each message, as raw UTF-8 with no separator, to every
+// connected client. Lives in the network log thread.
 class QLogToNet : public QObject {
     Q_OBJECT
 public:
+    // Listens on the loopback addresses.
     explicit QLogToNet(unsigned short port, QObject* parent = nullptr);
+    // Listens on each of the addresses that can be bound (one server per address).
+    QLogToNet(unsigned short port, const QList<QHostAddress>& addresses, QObject* parent = nullptr);
     ~QLogToNet() override;
 
     // Clients connected right now (for diagnostics).
@@ -66,6 +74,10 @@ public:
     void setLogPath(const QString& path);
     unsigned short netPort() const;
     void setPort(unsigned short port);
+    // Where the network log listens: 127.0.0.1 and ::1 unless set (the "[security] listen" setting
+    // of server.ini). A change closes a running network log; the next message reopens it there.
+    QList<QHostAddress> netAddresses() const;
+    void setNetAddresses(const QList<QHostAddress>& addresses);
 
     // What "now" is for day file names, rotated names and retention. The real local clock unless
     // replaced (an empty function restores it); lets the day change be exercised without waiting.
@@ -87,6 +99,9 @@ private:
     QLog();
     static void messageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message);
     void write(const QString& message);
+    void writeLocked(const QString& message);
+    void writePendingLocked();
+    friend class QLogHold;
     void createLogNetLocked();
     void autoDeleteLogLocked();
     void stopNetLocked();

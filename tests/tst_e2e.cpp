@@ -37,25 +37,6 @@ bool portAccepts(quint16 port)
     return probe.waitForConnected(300);
 }
 
-// Process lines that the single-instance check of a new server would count.
-QString countedProcesses()
-{
-    QProcess ps;
-    ps.start(QStringLiteral("ps"), {QStringLiteral("-ef")});
-    ps.waitForFinished(10000);
-    QStringList counted;
-    for (const QString& line : QString::fromLocal8Bit(ps.readAllStandardOutput()).split('\n')) {
-        if (!line.contains(QLatin1String("rvowebSocketServer")))
-            continue;
-        bool filtered = false;
-        for (const QString& w : kFilteredWords)
-            filtered = filtered || line.contains(w, w == QLatin1String("qtcreator") ? Qt::CaseInsensitive : Qt::CaseSensitive);
-        if (!filtered)
-            counted << line;
-    }
-    return counted.join('\n');
-}
-
 }  // namespace
 
 class TestEndToEnd : public QObject {
@@ -80,6 +61,37 @@ private:
     QString serverOutput()
     {
         return QString::fromLocal8Bit(m_server.readAllStandardError() + m_server.readAllStandardOutput());
+    }
+
+    // Starts the server program and waits until port 1818 answers; false (with the reason) when
+    // the program ends first or the port stays closed.
+    bool startListening(QProcess& server, const QProcessEnvironment& env, QString* why)
+    {
+        server.setProgram(m_binary);
+        server.setWorkingDirectory(m_appDir);
+        server.setProcessEnvironment(env);
+        server.start();
+        QElapsedTimer t;
+        t.start();
+        while (!portAccepts(kServerPort) && t.elapsed() < 30000) {
+            if (server.state() == QProcess::NotRunning)
+                break;
+            QTest::qWait(50);
+        }
+        *why = QStringLiteral("state %1, exit code %2:\n%3")
+                   .arg(server.state())
+                   .arg(server.exitCode())
+                   .arg(QString::fromLocal8Bit(server.readAllStandardError()));
+        return server.state() == QProcess::Running && portAccepts(kServerPort);
+    }
+
+    // Everything the log folder holds (the day may change while the test runs).
+    QString allLogs() const
+    {
+        QByteArray all;
+        for (const QFileInfo& f : QDir(m_appDir + QStringLiteral("/log")).entryInfoList({QStringLiteral("*.txt")}))
+            all += readFile(f.absoluteFilePath());
+        return QString::fromUtf8(all);
     }
 
     // Sends one text and waits for the first message that follows it.
@@ -123,9 +135,6 @@ private slots:
         if (!probe.listen(QHostAddress::Any, kServerPort))
             QFAIL(qPrintable(QStringLiteral("port 1818 cannot be bound: %1").arg(probe.errorString())));
         probe.close();
-        const QString others = countedProcesses();
-        if (!others.isEmpty())
-            QFAIL(qPrintable(QStringLiteral("another process would count as a running server:\n%1").arg(others)));
 
         m_server.setProgram(m_binary);
         m_server.setWorkingDirectory(m_appDir);
@@ -229,6 +238,69 @@ private slots:
         QCOMPARE(m_server.state(), QProcess::Running);
         bool arrived = false;
         QCOMPARE(ask(QStringLiteral("getVersion()"), &arrived), QStringLiteral("BegingetVersionV1.0.2EndgetVersion"));
+    }
+
+    // Two servers started at once: exactly one serves, the other says so and leaves with 0.
+    void twoStartsAtOnceLeaveOneServer()
+    {
+        m_page.close();
+        m_server.kill();
+        QVERIFY(m_server.waitForFinished(10000));
+        QProcess first;
+        QProcess second;
+        for (QProcess* p : {&first, &second}) {
+            p->setProgram(m_binary);
+            p->setWorkingDirectory(m_appDir);
+            p->setProcessEnvironment(serverEnvironment());
+        }
+        first.start();
+        second.start();
+        QVERIFY(first.waitForStarted(10000) && second.waitForStarted(10000));
+        QElapsedTimer t;
+        t.start();
+        while (first.state() == QProcess::Running && second.state() == QProcess::Running && t.elapsed() < 30000)
+            QTest::qWait(20);
+        QProcess& left = first.state() == QProcess::NotRunning ? first : second;
+        QProcess& kept = &left == &first ? second : first;
+        QVERIFY2(left.state() == QProcess::NotRunning, "both servers keep running");
+        const QString err = QString::fromLocal8Bit(left.readAllStandardError());
+        QCOMPARE(left.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(left.exitCode(), 0);
+        QVERIFY2(err.contains(QLatin1String("process[rvowebSocketServer] is already running!!!")), qPrintable(err));
+        t.restart();
+        while (!portAccepts(kServerPort) && kept.state() == QProcess::Running && t.elapsed() < 30000)
+            QTest::qWait(50);
+        QVERIFY2(kept.state() == QProcess::Running, qPrintable(QString::fromLocal8Bit(kept.readAllStandardError())));
+        QVERIFY(portAccepts(kServerPort));
+        kept.kill();
+        kept.waitForFinished(10000);
+    }
+
+    // A server killed outright leaves its lock file behind; it never blocks the next start. That
+    // start reads a broken device profile, whose line reaches the log file exactly once.
+    void killedServerNeverBlocksTheNext()
+    {
+        QProcess killed;
+        QString why;
+        QVERIFY2(startListening(killed, serverEnvironment(), &why), qPrintable(why));
+        killed.kill();   // SIGKILL: nothing is cleaned up
+        QVERIFY(killed.waitForFinished(10000));
+        QVERIFY2(QFile::exists(m_appDir + QStringLiteral("/rvowebSocketServer.lock")), "no lock left to test with");
+
+        const QString broken = m_appDir + QStringLiteral("/broken-profile.json");
+        QFile profile(broken);
+        QVERIFY(profile.open(QIODevice::WriteOnly));
+        profile.write("{ \"open\": ");
+        profile.close();
+        QProcessEnvironment env = serverEnvironment();
+        env.insert(QStringLiteral("DEVICE_PROFILE"), broken);
+        QProcess next;
+        const bool listening = startListening(next, env, &why);
+        next.kill();
+        next.waitForFinished(10000);
+        QVERIFY2(listening, qPrintable(why));
+        const QString line = QStringLiteral("devicelib: device profile %1: parse error").arg(broken);
+        QCOMPARE(allLogs().count(line), 1);
     }
 };
 

@@ -7,6 +7,8 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QLockFile>
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -225,6 +227,48 @@ private slots:
         set("QT_QPA_PLATFORM", platformSet ? QByteArray("xcb") : QByteArray());
         QCOMPARE(startup::chooseHeadlessPlatform(), chosen);
         QCOMPARE(qgetenv("QT_QPA_PLATFORM"), chosen ? QByteArray("offscreen") : (platformSet ? QByteArray("xcb") : QByteArray()));
+    }
+
+    // Only a live owner holds the instance lock, however old its file; a missing folder proves nothing.
+    void instanceLock_data()
+    {
+        QTest::addColumn<QString>("present");   // "", "live" (this process, a day old) or "dead"
+        QTest::addColumn<bool>("folder");
+        QTest::addColumn<int>("result");
+        QTest::newRow("no lock") << "" << true << int(startup::InstanceLock::Owned);
+        QTest::newRow("live owner, a day old") << "live" << true << int(startup::InstanceLock::HeldElsewhere);
+        QTest::newRow("owner killed") << "dead" << true << int(startup::InstanceLock::Owned);
+        QTest::newRow("folder missing") << "" << false << int(startup::InstanceLock::Unusable);
+    }
+
+    void instanceLock()
+    {
+        QFETCH(QString, present);
+        QFETCH(bool, folder);
+        QFETCH(int, result);
+        QTemporaryDir dir;
+        const QString path = dir.path() + (folder ? "" : "/missing") + "/rvowebSocketServer.lock";
+        QByteArray content;
+        {
+            QLockFile mine(dir.path() + "/mine.lock");   // what a live lock of this process holds
+            QVERIFY(mine.tryLock(0));
+            content = readFile(dir.path() + "/mine.lock");
+        }
+        if (present == "dead") {
+            QProcess gone;
+            gone.start(QStringLiteral("true"), QStringList());
+            QVERIFY(gone.waitForStarted());
+            const qint64 pid = gone.processId();
+            QVERIFY(gone.waitForFinished());
+            content = QByteArray::number(pid) + content.mid(content.indexOf('\n'));
+        }
+        if (!present.isEmpty()) {
+            QVERIFY(writeFile(path, content));
+            QFile f(path);
+            QVERIFY(f.open(QIODevice::ReadWrite) && f.setFileTime(QDateTime::currentDateTime().addDays(-1), QFileDevice::FileModificationTime));
+        }
+        QLockFile lock(path);
+        QCOMPARE(int(startup::takeInstanceLock(lock)), result);
     }
 };
 
