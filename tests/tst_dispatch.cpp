@@ -62,26 +62,20 @@ private slots:
         QCOMPARE(gotArgs, args);
     }
 
-    // A text reaches a callback only when its name matches one exactly; one command, one reply.
+    // A parsed name reaches a callback only when it matches one exactly; one command, one reply.
+    // How a text splits is parse's; these rows are about the lookup.
     void dispatch_data()
     {
         QTest::addColumn<QString>("message");
         QTest::addColumn<QString>("name");   // empty: no reply at all
         QTest::newRow("with parentheses") << "getVersion()" << "getVersion";
-        QTest::newRow("without parentheses") << "getVersion" << "getVersion";
-        QTest::newRow("open parenthesis only") << "getVersion(" << "getVersion";
         QTest::newRow("ignored argument") << "sGetTempPath(x)" << "sGetTempPath";
         QTest::newRow("unknown name") << "noSuchCommand()" << "";
         QTest::newRow("no seventh start variant") << "bStartPlay7()" << "";
-        QTest::newRow("empty message") << "" << "";
-        QTest::newRow("only open") << "(" << "";
-        QTest::newRow("only close") << ")" << "";
-        QTest::newRow("only parentheses") << "()" << "";
         QTest::newRow("wrong case") << "getversion()" << "";
-        QTest::newRow("capitals") << "GETVERSION()" << "";
-        QTest::newRow("leading blank") << " getVersion()" << "";
         QTest::newRow("trailing blank in the name") << "getVersion ()" << "";
         QTest::newRow("name without its last letter") << "getVersio" << "";
+        QTest::newRow("empty name") << "()" << "";
     }
 
     void dispatch()

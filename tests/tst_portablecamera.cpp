@@ -13,7 +13,6 @@
 #include <tiffio.h>
 
 #include <atomic>
-#include <csignal>
 #include <thread>
 
 namespace {
@@ -51,14 +50,6 @@ int brightQuadrant(const QImage& img)
 {
     QImage rgb = img.convertToFormat(QImage::Format_RGB32);
     return brightQuadrant(cv::Mat(rgb.height(), rgb.width(), CV_8UC4, rgb.bits(), size_t(rgb.bytesPerLine())));
-}
-
-std::atomic<int> g_presses{0};
-std::atomic<int> g_lastState{0};
-void onButton(int state, int, int, unsigned int, int, void*)
-{
-    g_lastState = state;
-    ++g_presses;
 }
 
 struct TiffInfo {
@@ -452,17 +443,6 @@ private slots:
         QCOMPARE(iGetResolutionX(2), 2592);
         for (const char* key : {"camera.sources.1.width", "camera.sources.2.type"})
             QVERIFY2(!log.lines().filter("bad-profile.json").filter(key).isEmpty(), key);
-    }
-
-    void captureButtonOnSignal()
-    {
-        g_presses = 0;
-        vSetCapturePin(onButton);
-        std::raise(SIGUSR1);
-        QTRY_COMPARE(g_presses.load(), 1);
-        QCOMPARE(g_lastState.load(), 1);
-        std::raise(SIGUSR1);
-        QTRY_COMPARE(g_presses.load(), 2);
     }
 
     // The server's capture thread fetches frames while the page changes settings and saves.
