@@ -81,6 +81,7 @@ class TestPortableCamera : public QObject {
     Q_OBJECT
 
 private slots:
+    void initTestCase() { qunsetenv("DEVICE_TRACE_FRAMES"); }   // read once, at the first library call
     void init() { useProfile(synthetic(640, 480)); }
     void cleanup() { bStopPlay(); bStopPlay4(); }
 
