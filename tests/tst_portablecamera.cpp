@@ -454,6 +454,11 @@ private slots:
                     ++frames;
             }
         });
+        struct Join {   // also when a check below fails
+            std::atomic<bool>& done;
+            std::thread& t;
+            ~Join() { done = true; t.join(); }
+        } join{done, fetcher};
         for (int i = 0; i < 6; ++i) {
             vSetRotate(static_cast<short>(90 * i));
             setResolution(1, i % 2 ? 320 : 640, i % 2 ? 240 : 480);
@@ -464,8 +469,6 @@ private slots:
             }
         }
         QTRY_VERIFY(frames > 0);
-        done = true;
-        fetcher.join();
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files).size(), 6);
     }
 };
