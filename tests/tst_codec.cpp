@@ -143,7 +143,8 @@ private slots:
         QFETCH(int, libraryCalls);
         const QString file = m_dir.filePath(QStringLiteral("dec-%1.bin").arg(QTest::currentDataTag()));
         Trace trace;
-        QCOMPARE(run("Base64Decode(" + QString(args).replace("%F", file) + ")"), QStringLiteral("BeginBase64Decode%1EndBase64Decode").arg(reply));
+        QCOMPARE(run("Base64Decode(" + QString(args).replace("%F", file) + ")"),
+                 QStringLiteral("BeginBase64Decode%1EndBase64Decode").arg(reply));
         QCOMPARE(trace.callsOf(QStringLiteral("Base64Decode")).size(), libraryCalls);
         if (written.isNull())
             QVERIFY(!QFile::exists(file));

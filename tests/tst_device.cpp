@@ -109,69 +109,61 @@ private slots:
         QCOMPARE(run("GetDeviceStatus()"), QStringLiteral("BeginGetDeviceStatus高拍仪已连接|社保卡模块已连接EndGetDeviceStatus"));
     }
 
-    void usbLists_data()
+    // The USB lists, serial and versions: the reply carries the result between "Begin<name>" and
+    // "End<name>", the name being the command's up to its parenthesis.
+    void commands_data()
     {
-        QTest::addColumn<QJsonArray>("profileUsb");
+        QTest::addColumn<QByteArray>("profile");
         QTest::addColumn<bool>("realTree");
-        QTest::addColumn<QString>("enumText");
-        QTest::addColumn<QString>("ids");
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("result");
+        // Both lists from one profile and tree.
+        const auto usb = [](const char* tag, const QJsonArray& profileUsb, bool tree, const QString& enumText, const QString& ids) {
+            QTest::newRow(qPrintable(QString(tag) + " enum")) << profileWith(profileUsb) << tree << "sEnumUSBDevice()" << enumText;
+            QTest::newRow(qPrintable(QString(tag) + " ids")) << profileWith(profileUsb) << tree << "sGetDevicesId()" << ids;
+        };
         const QString realEnum = "2b19:0200 Doc,Cam 5M;046d:c52b Logitech;1d6b:0002 xHCI Host Controller";
         const QString realIds = "usb#vid_2b19&pid_0200;usb#vid_046d&pid_c52b;usb#vid_1d6b&pid_0002";
         const QJsonObject camera{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Portable Camera"}};
-        QTest::newRow("tree only") << QJsonArray() << true << realEnum << realIds;
-        QTest::newRow("tree and profile") << QJsonArray{QJsonObject{{"vid", "0400"}, {"pid", "C35A"}, {"name", "Card Reader"}}, camera}
-                                          << true << realEnum + ";0400:c35a Card Reader" << realIds + ";usb#vid_0400&pid_c35a";
-        QTest::newRow("bad profile entries skipped")
-            << QJsonArray{QJsonObject{{"vid", "04000"}, {"pid", "c35a"}}, QJsonObject{{"vid", "abcd"}}, QJsonValue("2b19:0200"),
-                          QJsonObject{{"vid", "abcd"}, {"pid", "0001"}}}
-            << true << realEnum + ";abcd:0001" << realIds + ";usb#vid_abcd&pid_0001";
-        QTest::newRow("no tree, profile only") << QJsonArray{camera, QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Twice"}}}
-                                               << false << "2b19:0200 Portable Camera" << "usb#vid_2b19&pid_0200";
-        QTest::newRow("nothing at all") << QJsonArray() << false << "" << "";
-    }
+        usb("tree only", {}, true, realEnum, realIds);
+        usb("tree and profile", {QJsonObject{{"vid", "0400"}, {"pid", "C35A"}, {"name", "Card Reader"}}, camera}, true,
+            realEnum + ";0400:c35a Card Reader", realIds + ";usb#vid_0400&pid_c35a");
+        usb("bad profile entries skipped",
+            {QJsonObject{{"vid", "04000"}, {"pid", "c35a"}}, QJsonObject{{"vid", "abcd"}}, "2b19:0200",
+             QJsonObject{{"vid", "abcd"}, {"pid", "0001"}}},
+            true, realEnum + ";abcd:0001", realIds + ";usb#vid_abcd&pid_0001");
+        usb("no tree, profile only", {camera, QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Twice"}}}, false,
+            "2b19:0200 Portable Camera", "usb#vid_2b19&pid_0200");
+        usb("nothing at all", {}, false, "", "");
 
-    void usbLists()
-    {
-        QFETCH(QJsonArray, profileUsb);
-        QFETCH(bool, realTree);
-        QFETCH(QString, enumText);
-        QFETCH(QString, ids);
-        useTree(realTree);
-        portable::loadProfileText(profileWith(profileUsb));
-        QCOMPARE(run("sEnumUSBDevice()"), "BeginsEnumUSBDevice" + enumText + "EndsEnumUSBDevice");
-        QCOMPARE(run("sGetDevicesId()"), "BeginsGetDevicesId" + ids + "EndsGetDevicesId");
-    }
-
-    void serialAndVersion_data()
-    {
-        QTest::addColumn<QByteArray>("profile");
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QString>("reply");
         const auto library = [](const char* key, const QString& value) {
             return QJsonDocument(QJsonObject{{"library", QJsonObject{{key, value}}}}).toJson();
         };
         // 600 two-byte characters do not fit the command's 1000-byte buffer: 499 of them do.
         const QString longVersion(600, QChar(0x00e9));
-        QTest::newRow("serial") << library("serial", "SN-TEST-42") << "sGetSerialNum()" << "BeginsGetSerialNumSN-TEST-42EndsGetSerialNum";
-        QTest::newRow("serial ignores arguments") << library("serial", "SN 7") << "sGetSerialNum(1,2)" << "BeginsGetSerialNumSN 7EndsGetSerialNum";
-        QTest::newRow("empty serial") << library("serial", "") << "sGetSerialNum()" << "BeginsGetSerialNumEndsGetSerialNum";
-        QTest::newRow("library version") << library("version", QString::fromUtf8("counter-lib 2.4.1 版")) << "sServerVersion()"
-                                         << QString::fromUtf8("BeginsServerVersioncounter-lib 2.4.1 版EndsServerVersion");
-        QTest::newRow("long version cut at a character") << library("version", longVersion) << "sServerVersion()"
-                                                         << "BeginsServerVersion" + longVersion.left(499) + "EndsServerVersion";
-        QTest::newRow("library writes nothing") << QByteArray("{\"script\": {\"doccameraVeriosn\": [null]}}") << "sServerVersion()"
-                                                << "BeginsServerVersionEndsServerVersion";
-        QTest::newRow("getVersion(x)") << QByteArray() << "getVersion(x)" << "BegingetVersionV1.0.2EndgetVersion";
-        QTest::newRow("version(1,2)") << QByteArray() << "version(1,2)" << "Beginversionlinux_kylin_arm64Endversion";
+        QTest::newRow("serial") << library("serial", "SN-TEST-42") << true << "sGetSerialNum()" << "SN-TEST-42";
+        QTest::newRow("serial ignores arguments") << library("serial", "SN 7") << true << "sGetSerialNum(1,2)" << "SN 7";
+        QTest::newRow("empty serial") << library("serial", "") << true << "sGetSerialNum()" << "";
+        QTest::newRow("library version") << library("version", QString::fromUtf8("counter-lib 2.4.1 版")) << true << "sServerVersion()"
+                                         << QString::fromUtf8("counter-lib 2.4.1 版");
+        QTest::newRow("long version cut at a character") << library("version", longVersion) << true << "sServerVersion()"
+                                                         << longVersion.left(499);
+        QTest::newRow("library writes nothing") << QByteArray("{\"script\": {\"doccameraVeriosn\": [null]}}") << true
+                                                << "sServerVersion()" << "";
+        QTest::newRow("getVersion(x)") << QByteArray() << true << "getVersion(x)" << "V1.0.2";
+        QTest::newRow("version(1,2)") << QByteArray() << true << "version(1,2)" << "linux_kylin_arm64";
     }
 
-    void serialAndVersion()
+    void commands()
     {
         QFETCH(QByteArray, profile);
+        QFETCH(bool, realTree);
         QFETCH(QString, command);
-        QFETCH(QString, reply);
+        QFETCH(QString, result);
+        useTree(realTree);
         portable::loadProfileText(profile);
-        QCOMPARE(run(command), reply);
+        const QString name = command.left(command.indexOf('('));
+        QCOMPARE(run(command), "Begin" + name + result + "End" + name);
     }
 };
 
