@@ -26,15 +26,19 @@ void columns()
     QTest::addColumn<QByteArray>("script");
     QTest::addColumn<QString>("reply");
     QTest::addColumn<QStringList>("calls");
+    QTest::addColumn<QSize>("preview");   // the capture thread's preview size afterwards, when valid
 }
 
 // One row of replies_data or deferred_data, tagged by its command and script: the reply is
-// "Begin<name>" result "End<name>", the name being the command's up to its parenthesis.
-void row(const QString& command, const char* script, const QString& result, const QStringList& calls = {})
+// "Begin<name>" result "End<name>", the name being the command's up to its parenthesis. Commands
+// joined by ";" run in turn, and the row is about the last one.
+void row(const QString& command, const char* script, const QString& result, const QStringList& calls = {},
+         const QSize& preview = QSize())
 {
     const QString tag = command + (qstrcmp(script, "{}") ? QStringLiteral(" ") + script : QString());
-    const QString name = command.left(command.indexOf('('));
-    QTest::newRow(qPrintable(tag)) << command << QByteArray(script) << "Begin" + name + result + "End" + name << calls;
+    const QString last = command.section(';', -1);
+    const QString name = last.left(last.indexOf('('));
+    QTest::newRow(qPrintable(tag)) << command << QByteArray(script) << "Begin" + name + result + "End" + name << calls << preview;
 }
 
 // The calls of a trace as "fn(arg,...)", arguments in their JSON form; the preview loop's own
@@ -119,11 +123,20 @@ private slots:
         row("bAVPreview(1,2)", R"({"bAVPreview":[false]})", "false", {"bAVPreview(1,2)"});
         row("bAVPreview(9999999999,-1)", R"({"bAVPreview":[false]})", "false", {"bAVPreview(9999999999,-1)"});
         row("bAVPreview(5)", "{}", "false");
-        row("vSetPreViewSize(1024)", "{}", "");
+        row("vSetPreViewSize(1024)", "{}", "", {}, QSize(800, 600));   // one number changes nothing
+        row("vSetPreViewSize(10,768,5)", "{}", "", {}, QSize(400, 768));   // the floors; a third number ignored
         row("vZoomIn()", "{}", "");
         row("vZoomOut()", "{}", "");
         row("vZoomOriginal()", "{}", "");
         row("vSetZoomFactor(20)", "{}", "");
+        row("vSetZoomFactor(50);vZoomOut()", "{}", "", {}, QSize(1200, 900));
+        row("vSetZoomFactor(50);vZoomOut();vZoomOriginal();vZoomIn()", "{}", "", {}, QSize(720, 540));
+        row("vSetPreviewEnable(on)", "{}", "true");
+        row("vSetPreviewEnable(1);vSetPreviewEnable(0);bGetPreviewEnable()", "{}", "false");
+        row("vSetPreviewEnable(0);vSetPreviewEnable(1);bGetPreviewEnable()", "{}", "true");
+        row("vSetPreviewEnable(0);vSetPreviewEnable(2);bGetPreviewEnable()", "{}", "true");
+        row("vSetPreviewEnable(1);vSetPreviewEnable(on);bGetPreviewEnable()", "{}", "false");
+        row("vSetPreviewEnable(1);vSetPreviewEnable();bGetPreviewEnable()", "{}", "false");
         row("vSetImageDispFlag(1)", "{}", "", {"vSetImageDispFlag(true)"});
         row("vSetImageDispFlag(yes)", "{}", "", {"vSetImageDispFlag(false)"});
         row("displayVideoPara(1,2)", "{}", "false");
@@ -197,10 +210,17 @@ private slots:
         QFETCH(QByteArray, script);
         QFETCH(QString, reply);
         QFETCH(QStringList, calls);
+        QFETCH(QSize, preview);
         applyScript(script);
         Trace trace;
-        QCOMPARE(run(command), reply);
+        QStringList commands = command.split(';');
+        const QString last = commands.takeLast();
+        for (const QString& c : commands)
+            QVERIFY2(!run(c).isEmpty(), qPrintable(c));
+        QCOMPARE(run(last), reply);
         QCOMPARE(callTexts(trace), calls);
+        if (preview.isValid())
+            QCOMPARE(CaptureImgThreadTestAccess::previewSize(), preview);
         // One reply, nothing after it.
         QCOMPARE(m_page->drain(50), QStringList());
     }
@@ -248,43 +268,6 @@ private slots:
         const QStringList c = callTexts(trace);
         QCOMPARE(c.first(), QString("bAVPreview(0,3)"));
         QVERIFY(c.contains("bStartPlay(0)"));
-    }
-
-    void previewSettingsReachTheThread_data()
-    {
-        QTest::addColumn<QStringList>("commands");
-        QTest::addColumn<QSize>("size");
-        QTest::newRow("one number changes nothing") << QStringList{"vSetPreViewSize(1024)"} << QSize(800, 600);
-        QTest::newRow("size floors") << QStringList{"vSetPreViewSize(10,768,5)"} << QSize(400, 768);
-        QTest::newRow("factor and zoom out") << QStringList{"vSetZoomFactor(50)", "vZoomOut()"} << QSize(1200, 900);
-        QTest::newRow("original") << QStringList{"vSetZoomFactor(50)", "vZoomOut()", "vZoomOriginal()", "vZoomIn()"}
-                                  << QSize(720, 540);
-    }
-    void previewSettingsReachTheThread()
-    {
-        QFETCH(QStringList, commands);
-        QFETCH(QSize, size);
-        for (const QString& c : commands)
-            QVERIFY(!run(c).isEmpty());
-        QCOMPARE(CaptureImgThreadTestAccess::previewSize(), size);
-    }
-
-    void previewEnableFlag_data()
-    {
-        QTest::addColumn<QString>("argument");
-        QTest::addColumn<QString>("reply");
-        QTest::newRow("0") << "0" << "false";
-        QTest::newRow("1") << "1" << "true";
-        QTest::newRow("2") << "2" << "true";
-        QTest::newRow("text") << "on" << "false";
-        QTest::newRow("empty") << "" << "false";
-    }
-    void previewEnableFlag()
-    {
-        QFETCH(QString, argument);
-        QFETCH(QString, reply);
-        QCOMPARE(run("vSetPreviewEnable(" + argument + ")"), QString("BeginvSetPreviewEnabletrueEndvSetPreviewEnable"));
-        QCOMPARE(run("bGetPreviewEnable()"), "BeginbGetPreviewEnable" + reply + "EndbGetPreviewEnable");
     }
 
     // The live frame goes out as JPEG at quality 70; bSaveJPGEx sends it when no still was saved.
