@@ -35,22 +35,23 @@ class TestSettings : public QObject {
 
 private:
     QString m_defaultIni;
-    QByteArray m_savedIni;   // null: there was none
+    QByteArray m_savedIni;
+    bool m_hadIni = false;
 
 private slots:
     void initTestCase()
     {
         m_defaultIni = ConfigIni::defaultPath();
         QCOMPARE(m_defaultIni, QCoreApplication::applicationDirPath() + QStringLiteral("/server.ini"));
-        if (QFile::exists(m_defaultIni))
-            m_savedIni = readFile(m_defaultIni);
+        m_hadIni = QFile::exists(m_defaultIni);
+        m_savedIni = readFile(m_defaultIni);
         QFile::remove(m_defaultIni);
     }
 
     void cleanupTestCase()
     {
         QFile::remove(m_defaultIni);
-        if (!m_savedIni.isNull())
+        if (m_hadIni)
             writeFile(m_defaultIni, m_savedIni);
     }
 
