@@ -6,10 +6,21 @@
 
 #include <QFile>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
+
+namespace {
+
+QByteArray randomBytes(int length)
+{
+    QByteArray bytes(length, '\0');
+    for (char& c : bytes)
+        c = static_cast<char>(QRandomGenerator::global()->bounded(256));
+    return bytes;
+}
+
+}  // namespace
 
 class TestCodec : public QObject {
     Q_OBJECT
@@ -19,7 +30,6 @@ private:
     MessageRun m_run;
     std::unique_ptr<PagePair> m_page;
 
-    QString path(const QString& name) const { return m_dir.filePath(name); }
     QString run(const QString& command) { return runCommand(m_run, *m_page, command); }
 
 private slots:
@@ -42,7 +52,9 @@ private slots:
         QTest::newRow("three bytes") << QByteArray("foo") << "Zm9v" << "Zm9v";
         QTest::newRow("alphabet ends") << QByteArray("\xfb\xff") << "+/8=" << "-_8.";
         QTest::newRow("empty") << QByteArray() << "" << "";
-        QTest::newRow("long, no line breaks") << QByteArray(120, '\0') << QString(160, 'A') << QString(160, 'A');
+        const QByteArray random = randomBytes(4099);
+        QTest::newRow("random, no line breaks") << random << QString::fromLatin1(random.toBase64())
+                                               << QString::fromLatin1(random.toBase64(QByteArray::Base64UrlEncoding)).replace('=', '.');
     }
 
     void encode()
@@ -67,6 +79,8 @@ private slots:
         QTest::newRow("stops at a blank") << "Zm9v YmFy" << QByteArray("foo");
         QTest::newRow("lone character gives nothing") << "Zm9vY" << QByteArray("foo");
         QTest::newRow("standard alphabet ends") << "+/8=" << QByteArray("\xfb\xff");
+        const QByteArray random = randomBytes(4099);
+        QTest::newRow("random bytes") << QString::fromLatin1(random.toBase64()) << random;
     }
 
     void decode()
@@ -77,26 +91,13 @@ private slots:
         QCOMPARE(QByteArray(out.data(), static_cast<int>(out.size())), bytes);
     }
 
-    void roundTripOfRandomBytes()
-    {
-        for (int length : {0, 1, 2, 3, 4, 5, 255, 1000, 4099}) {
-            QByteArray bytes(length, '\0');
-            for (char& c : bytes)
-                c = static_cast<char>(QRandomGenerator::global()->bounded(256));
-            const std::string text = base64_encode(reinterpret_cast<const unsigned char*>(bytes.constData()),
-                                                   static_cast<unsigned long>(bytes.size()), false);
-            QCOMPARE(text.size(), static_cast<size_t>((length + 2) / 3 * 4));
-            const std::string back = base64_decode(text);
-            QCOMPARE(QByteArray(back.data(), static_cast<int>(back.size())), bytes);
-        }
-    }
-
     void encodeCommand_data()
     {
         QTest::addColumn<QByteArray>("content");   // null: no such file
         QTest::addColumn<QString>("result");
-        QTest::newRow("one byte") << QByteArray("\x66") << "Zg==";
+        const QByteArray big = randomBytes(3001);
         QTest::newRow("binary") << QByteArray("\xff\xd8\xff\xe0\x00\x10JFIF\x00", 11) << "/9j/4AAQSkZJRgA=";
+        QTest::newRow("large binary") << big << QString::fromLatin1(big.toBase64());
         QTest::newRow("empty file") << QByteArray("") << "";
         QTest::newRow("missing file") << QByteArray() << "";
     }
@@ -105,12 +106,11 @@ private slots:
     {
         QFETCH(QByteArray, content);
         QFETCH(QString, result);
-        const QString file = path(QStringLiteral("enc-%1.bin").arg(QTest::currentDataTag()));
+        const QString file = m_dir.filePath(QStringLiteral("enc-%1.bin").arg(QTest::currentDataTag()));
         if (!content.isNull())
             QVERIFY(writeFile(file, content));
         Trace trace;
-        QCOMPARE(run(QStringLiteral("Base64Encode(%1)").arg(file)),
-                 QStringLiteral("BeginBase64Encode%1EndBase64Encode").arg(result));
+        QCOMPARE(run(QStringLiteral("Base64Encode(%1)").arg(file)), QStringLiteral("BeginBase64Encode%1EndBase64Encode").arg(result));
         const QList<QJsonObject> calls = trace.callsOf(QStringLiteral("Base64Encode"));
         QCOMPARE(calls.size(), 1);
         QCOMPARE(calls.first().value("args").toArray().first().toString(), file);
@@ -123,9 +123,10 @@ private slots:
         QTest::addColumn<QString>("reply");
         QTest::addColumn<QByteArray>("written");   // null: the file is not written
         QTest::addColumn<int>("libraryCalls");
+        const QByteArray big = randomBytes(3001);
         QTest::newRow("three bytes") << "Zm9v,%F" << "true" << QByteArray("foo") << 1;
-        QTest::newRow("padded") << "Zg==,%F" << "true" << QByteArray("\x66") << 1;
         QTest::newRow("binary") << "/9j/4A==,%F" << "true" << QByteArray("\xff\xd8\xff\xe0") << 1;
+        QTest::newRow("large binary") << QString::fromLatin1(big.toBase64() + ",%F") << "true" << big << 1;
         QTest::newRow("not base64") << "Zm9v!!,%F" << "false" << QByteArray() << 1;
         QTest::newRow("padding inside") << "Zg==Zg==,%F" << "false" << QByteArray() << 1;
         QTest::newRow("lone character") << "Zm9vY,%F" << "false" << QByteArray() << 1;
@@ -140,7 +141,7 @@ private slots:
         QFETCH(QString, reply);
         QFETCH(QByteArray, written);
         QFETCH(int, libraryCalls);
-        const QString file = path(QStringLiteral("dec-%1.bin").arg(QTest::currentDataTag()));
+        const QString file = m_dir.filePath(QStringLiteral("dec-%1.bin").arg(QTest::currentDataTag()));
         Trace trace;
         QCOMPARE(run("Base64Decode(" + QString(args).replace("%F", file) + ")"),
                  QStringLiteral("BeginBase64Decode%1EndBase64Decode").arg(reply));
@@ -151,19 +152,7 @@ private slots:
             QCOMPARE(readFile(file), written);
     }
 
-    void roundTripThroughThePage()
-    {
-        QByteArray bytes(3001, '\0');
-        for (char& c : bytes)
-            c = static_cast<char>(QRandomGenerator::global()->bounded(256));
-        QVERIFY(writeFile(path("source.bin"), bytes));
-        const QString text = between(run(QStringLiteral("Base64Encode(%1)").arg(path("source.bin"))), "Base64Encode");
-        QVERIFY(!text.isEmpty());
-        QCOMPARE(run(QStringLiteral("Base64Decode(%1,%2)").arg(text, path("copy.bin"))),
-                 QStringLiteral("BeginBase64DecodetrueEndBase64Decode"));
-        QCOMPARE(readFile(path("copy.bin")), bytes);
-    }
-
+    // The reply is the library's answer, whatever it is.
     void scriptedEncodeReply()
     {
         portable::setScript(QStringLiteral("Base64Encode"), QJsonArray{QStringLiteral("c2NyaXB0"), QJsonValue()});

@@ -26,6 +26,14 @@ void addDevice(const QString& root, const QString& name, const QByteArray& vid, 
     }
 }
 
+// A profile presenting exactly these USB devices, and nothing else of its own.
+QByteArray profileWith(const QJsonArray& usb, const QJsonObject& more = {})
+{
+    QJsonObject o = more;
+    o.insert("usb", usb);
+    return QJsonDocument(o).toJson();
+}
+
 }  // namespace
 
 class TestDevice : public QObject {
@@ -37,12 +45,7 @@ private:
     std::unique_ptr<PagePair> m_page;
 
     QString run(const QString& command) { return runCommand(*m_run, *m_page, command); }
-
-    // The profile presents no devices of its own unless a test says so.
-    static QByteArray profileWith(const QJsonArray& usb)
-    {
-        return QJsonDocument(QJsonObject{{"usb", usb}}).toJson();
-    }
+    void useTree(bool real) { qputenv("DEVICE_USB_SYSFS", QFile::encodeName(m_sysfs.path() + (real ? "" : "/missing"))); }
 
 private slots:
     void initTestCase()
@@ -54,7 +57,6 @@ private slots:
         addDevice(root, "1-1:1.0", "", "", "");   // an interface: no identifiers
         addDevice(root, "1-2", "046d", "c52b", "", "Logitech");
         addDevice(root, "1-3", "0bda", "", "broken");   // half an identifier
-        qputenv("DEVICE_USB_SYSFS", QFile::encodeName(root));
         m_run = std::make_unique<MessageRun>();
         m_page = std::make_unique<PagePair>();
         QVERIFY(m_page->isConnected());
@@ -62,27 +64,27 @@ private slots:
 
     void init()
     {
-        qputenv("DEVICE_USB_SYSFS", QFile::encodeName(m_sysfs.path()));
-        portable::loadProfileText(profileWith(QJsonArray()));
+        useTree(true);
+        portable::loadProfileText(profileWith({}));
     }
 
+    // The status from a scripted id list and module answer: the camera is one of three ids.
     void deviceStatus_data()
     {
-        QTest::addColumn<QJsonValue>("ids");     // scripted sGetDevicesId result
+        QTest::addColumn<QJsonValue>("ids");
         QTest::addColumn<bool>("socialSecurity");
         QTest::addColumn<QString>("reply");
-        const QString on = QStringLiteral("高拍仪已连接");
-        const QString off = QStringLiteral("高拍仪未连接");
-        const QString ssOn = QStringLiteral("|社保卡模块已连接");
-        const QString ssOff = QStringLiteral("|社保卡模块未连接");
-        auto framed = [](const QString& a, const QString& b) { return "BeginGetDeviceStatus" + a + b + "EndGetDeviceStatus"; };
-        QTest::newRow("first camera id") << QJsonValue("usb#vid_1d6b&pid_0002;usb#vid_2b19&pid_0200") << true << framed(on, ssOn);
-        QTest::newRow("second camera id") << QJsonValue("usb#vid_2b16&pid_6689") << false << framed(on, ssOff);
-        QTest::newRow("third camera id") << QJsonValue("x;usb#vid_2b16&pid_bcd2;y") << true << framed(on, ssOn);
-        QTest::newRow("upper case not recognised") << QJsonValue("USB#VID_2B19&PID_0200") << true << framed(off, ssOn);
-        QTest::newRow("other devices only") << QJsonValue("usb#vid_046d&pid_c52b") << false << framed(off, ssOff);
-        QTest::newRow("NULL id list") << QJsonValue() << true << framed(off, ssOn);
-        QTest::newRow("empty id list") << QJsonValue("") << false << framed(off, ssOff);
+        auto framed = [](bool camera, bool module) {
+            return QStringLiteral("BeginGetDeviceStatus高拍仪%1连接|社保卡模块%2连接EndGetDeviceStatus")
+                .arg(camera ? "已" : "未", module ? "已" : "未");
+        };
+        QTest::newRow("first camera id") << QJsonValue("usb#vid_1d6b&pid_0002;usb#vid_2b19&pid_0200") << true << framed(true, true);
+        QTest::newRow("second camera id") << QJsonValue("usb#vid_2b16&pid_6689") << false << framed(true, false);
+        QTest::newRow("third camera id") << QJsonValue("x;usb#vid_2b16&pid_bcd2;y") << true << framed(true, true);
+        QTest::newRow("upper case not recognised") << QJsonValue("USB#VID_2B19&PID_0200") << true << framed(false, true);
+        QTest::newRow("other devices only") << QJsonValue("usb#vid_046d&pid_c52b") << false << framed(false, false);
+        QTest::newRow("NULL id list") << QJsonValue() << true << framed(false, true);
+        QTest::newRow("empty id list") << QJsonValue("") << false << framed(false, false);
     }
 
     void deviceStatus()
@@ -97,98 +99,71 @@ private slots:
         QCOMPARE(trace.functions(), (QStringList{"sGetDevicesId", "GetDeviceStatus_dc"}));
     }
 
+    // Unscripted, with no USB tree: the camera and the module come from the profile alone.
     void deviceStatusFromTheProfile()
     {
-        // No camera in the tree's identifiers but the profile's; the module from the profile.
-        qputenv("DEVICE_USB_SYSFS", QFile::encodeName(m_sysfs.path() + "/missing"));
-        portable::loadProfileText("{\"usb\": [{\"vid\": \"2b16\", \"pid\": \"BCD2\", \"name\": \"Camera\"}], \"socialSecurityModule\": false}");
+        useTree(false);
+        portable::loadProfileText(profileWith({QJsonObject{{"vid", "2b16"}, {"pid", "BCD2"}}}, {{"socialSecurityModule", false}}));
         QCOMPARE(run("GetDeviceStatus()"), QStringLiteral("BeginGetDeviceStatus高拍仪已连接|社保卡模块未连接EndGetDeviceStatus"));
-        portable::loadProfileText(profileWith(QJsonArray()));
-        QCOMPARE(run("GetDeviceStatus()"), QStringLiteral("BeginGetDeviceStatus高拍仪未连接|社保卡模块已连接EndGetDeviceStatus"));
-    }
-
-    void usbLists_data()
-    {
-        QTest::addColumn<QJsonArray>("profileUsb");
-        QTest::addColumn<bool>("realTree");
-        QTest::addColumn<QString>("enumText");
-        QTest::addColumn<QString>("ids");
-        const QString realEnum = "2b19:0200 Doc,Cam 5M;046d:c52b Logitech;1d6b:0002 xHCI Host Controller";
-        const QString realIds = "usb#vid_2b19&pid_0200;usb#vid_046d&pid_c52b;usb#vid_1d6b&pid_0002";
-        QTest::newRow("tree only") << QJsonArray() << true << realEnum << realIds;
-        QTest::newRow("tree and profile")
-            << QJsonArray{QJsonObject{{"vid", "0400"}, {"pid", "C35A"}, {"name", "Card Reader"}},
-                          QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Portable Camera"}}}
-            << true << realEnum + ";0400:c35a Card Reader" << realIds + ";usb#vid_0400&pid_c35a";
-        QTest::newRow("bad profile entries skipped")
-            << QJsonArray{QJsonObject{{"vid", "04000"}, {"pid", "c35a"}}, QJsonObject{{"vid", "abcd"}}, QJsonValue("2b19:0200"),
-                          QJsonObject{{"vid", "abcd"}, {"pid", "0001"}}}
-            << true << realEnum + ";abcd:0001" << realIds + ";usb#vid_abcd&pid_0001";
-        QTest::newRow("no tree, profile only")
-            << QJsonArray{QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Portable Camera"}},
-                          QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Twice"}}}
-            << false << "2b19:0200 Portable Camera" << "usb#vid_2b19&pid_0200";
-        QTest::newRow("nothing at all") << QJsonArray() << false << "" << "";
-    }
-
-    void usbLists()
-    {
-        QFETCH(QJsonArray, profileUsb);
-        QFETCH(bool, realTree);
-        QFETCH(QString, enumText);
-        QFETCH(QString, ids);
-        if (!realTree)
-            qputenv("DEVICE_USB_SYSFS", QFile::encodeName(m_sysfs.path() + "/missing"));
-        portable::loadProfileText(profileWith(profileUsb));
-        QCOMPARE(run("sEnumUSBDevice()"), "BeginsEnumUSBDevice" + enumText + "EndsEnumUSBDevice");
-        QCOMPARE(run("sGetDevicesId()"), "BeginsGetDevicesId" + ids + "EndsGetDevicesId");
-    }
-
-    void defaultProfilePresentsTheSimulatedDevices()
-    {
-        qputenv("DEVICE_USB_SYSFS", QFile::encodeName(m_sysfs.path() + "/missing"));
-        portable::loadProfileText(QByteArray());
-        const QString reply = run("sGetDevicesId()");
-        QVERIFY2(reply.contains("usb#vid_2b19&pid_0200"), qPrintable(reply));
+        portable::loadProfileText(QByteArray());   // the default profile simulates both
         QCOMPARE(run("GetDeviceStatus()"), QStringLiteral("BeginGetDeviceStatus高拍仪已连接|社保卡模块已连接EndGetDeviceStatus"));
     }
 
-    void serialAndVersion_data()
+    // The USB lists, serial and versions: the reply carries the result between "Begin<name>" and
+    // "End<name>", the name being the command's up to its parenthesis.
+    void commands_data()
     {
         QTest::addColumn<QByteArray>("profile");
+        QTest::addColumn<bool>("realTree");
         QTest::addColumn<QString>("command");
-        QTest::addColumn<QString>("reply");
-        QTest::newRow("serial") << QByteArray("{\"library\": {\"serial\": \"SN-TEST-42\"}}") << "sGetSerialNum()"
-                                << "BeginsGetSerialNumSN-TEST-42EndsGetSerialNum";
-        QTest::newRow("serial ignores arguments") << QByteArray("{\"library\": {\"serial\": \"SN 7\"}}") << "sGetSerialNum(1,2)"
-                                                  << "BeginsGetSerialNumSN 7EndsGetSerialNum";
-        QTest::newRow("empty serial") << QByteArray("{\"library\": {\"serial\": \"\"}}") << "sGetSerialNum()"
-                                      << "BeginsGetSerialNumEndsGetSerialNum";
-        QTest::newRow("library version") << QByteArray("{\"library\": {\"version\": \"counter-lib 2.4.1 版\"}}") << "sServerVersion()"
-                                         << "BeginsServerVersioncounter-lib 2.4.1 版EndsServerVersion";
-        QTest::newRow("library writes nothing") << QByteArray("{\"script\": {\"doccameraVeriosn\": [null]}}") << "sServerVersion()"
-                                                << "BeginsServerVersionEndsServerVersion";
-        QTest::newRow("getVersion") << QByteArray() << "getVersion()" << "BegingetVersionV1.0.2EndgetVersion";
-        QTest::newRow("getVersion(x)") << QByteArray() << "getVersion(x)" << "BegingetVersionV1.0.2EndgetVersion";
-        QTest::newRow("version") << QByteArray() << "version()" << "Beginversionlinux_kylin_arm64Endversion";
-        QTest::newRow("version(1,2)") << QByteArray() << "version(1,2)" << "Beginversionlinux_kylin_arm64Endversion";
-    }
+        QTest::addColumn<QString>("result");
+        // Both lists from one profile and tree.
+        const auto usb = [](const char* tag, const QJsonArray& profileUsb, bool tree, const QString& enumText, const QString& ids) {
+            QTest::newRow(qPrintable(QString(tag) + " enum")) << profileWith(profileUsb) << tree << "sEnumUSBDevice()" << enumText;
+            QTest::newRow(qPrintable(QString(tag) + " ids")) << profileWith(profileUsb) << tree << "sGetDevicesId()" << ids;
+        };
+        const QString realEnum = "2b19:0200 Doc,Cam 5M;046d:c52b Logitech;1d6b:0002 xHCI Host Controller";
+        const QString realIds = "usb#vid_2b19&pid_0200;usb#vid_046d&pid_c52b;usb#vid_1d6b&pid_0002";
+        const QJsonObject camera{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Portable Camera"}};
+        usb("tree only", {}, true, realEnum, realIds);
+        usb("tree and profile", {QJsonObject{{"vid", "0400"}, {"pid", "C35A"}, {"name", "Card Reader"}}, camera}, true,
+            realEnum + ";0400:c35a Card Reader", realIds + ";usb#vid_0400&pid_c35a");
+        usb("bad profile entries skipped",
+            {QJsonObject{{"vid", "04000"}, {"pid", "c35a"}}, QJsonObject{{"vid", "abcd"}}, "2b19:0200",
+             QJsonObject{{"vid", "abcd"}, {"pid", "0001"}}},
+            true, realEnum + ";abcd:0001", realIds + ";usb#vid_abcd&pid_0001");
+        usb("no tree, profile only", {camera, QJsonObject{{"vid", "2b19"}, {"pid", "0200"}, {"name", "Twice"}}}, false,
+            "2b19:0200 Portable Camera", "usb#vid_2b19&pid_0200");
+        usb("nothing at all", {}, false, "", "");
 
-    void serialAndVersion()
-    {
-        QFETCH(QByteArray, profile);
-        QFETCH(QString, command);
-        QFETCH(QString, reply);
-        portable::loadProfileText(profile);
-        QCOMPARE(run(command), reply);
-    }
-
-    void longVersionIsCutAtACharacter()
-    {
+        const auto library = [](const char* key, const QString& value) {
+            return QJsonDocument(QJsonObject{{"library", QJsonObject{{key, value}}}}).toJson();
+        };
         // 600 two-byte characters do not fit the command's 1000-byte buffer: 499 of them do.
         const QString longVersion(600, QChar(0x00e9));
-        portable::loadProfileText(QJsonDocument(QJsonObject{{"library", QJsonObject{{"version", longVersion}}}}).toJson());
-        QCOMPARE(run("sServerVersion()"), "BeginsServerVersion" + longVersion.left(499) + "EndsServerVersion");
+        QTest::newRow("serial") << library("serial", "SN-TEST-42") << true << "sGetSerialNum()" << "SN-TEST-42";
+        QTest::newRow("serial ignores arguments") << library("serial", "SN 7") << true << "sGetSerialNum(1,2)" << "SN 7";
+        QTest::newRow("empty serial") << library("serial", "") << true << "sGetSerialNum()" << "";
+        QTest::newRow("library version") << library("version", QString::fromUtf8("counter-lib 2.4.1 版")) << true << "sServerVersion()"
+                                         << QString::fromUtf8("counter-lib 2.4.1 版");
+        QTest::newRow("long version cut at a character") << library("version", longVersion) << true << "sServerVersion()"
+                                                         << longVersion.left(499);
+        QTest::newRow("library writes nothing") << QByteArray("{\"script\": {\"doccameraVeriosn\": [null]}}") << true
+                                                << "sServerVersion()" << "";
+        QTest::newRow("getVersion(x)") << QByteArray() << true << "getVersion(x)" << "V1.0.2";
+        QTest::newRow("version(1,2)") << QByteArray() << true << "version(1,2)" << "linux_kylin_arm64";
+    }
+
+    void commands()
+    {
+        QFETCH(QByteArray, profile);
+        QFETCH(bool, realTree);
+        QFETCH(QString, command);
+        QFETCH(QString, result);
+        useTree(realTree);
+        portable::loadProfileText(profile);
+        const QString name = command.left(command.indexOf('('));
+        QCOMPARE(run(command), "Begin" + name + result + "End" + name);
     }
 };
 
