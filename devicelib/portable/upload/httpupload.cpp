@@ -56,9 +56,10 @@ QString shown(const QByteArray& url)
     return url.size() > 200 ? s + QStringLiteral("... (%1 bytes)").arg(url.size()) : s;
 }
 
-void fail(const Request& r, const QString& why)
+// One log line about an upload: the entry point, the URL, and what happened.
+void note(const Request& r, const QString& what)
 {
-    logLine(QStringLiteral("%1: %2: %3").arg(QLatin1String(r.fn), shown(r.url), why));
+    logLine(QStringLiteral("%1: %2: %3").arg(QLatin1String(r.fn), shown(r.url), what));
 }
 
 int hexValue(char c)
@@ -173,23 +174,23 @@ Result post(const Request& r)
 {
     Result result;
     if (!httpScheme(r.url)) {
-        fail(r, QStringLiteral("refused: only http and https URLs are uploaded to"));
+        note(r, QStringLiteral("refused: only http and https URLs are uploaded to"));
         return result;
     }
     const QString why = unsendable(r.file);
     if (!why.isEmpty()) {
-        fail(r, why);
+        note(r, why);
         return result;
     }
     if (r.token.contains('\r') || r.token.contains('\n')) {
-        fail(r, QStringLiteral("refused: the token holds a line break"));
+        note(r, QStringLiteral("refused: the token holds a line break"));
         return result;
     }
 
     initCurlOnce();
     std::unique_ptr<CURL, CurlDeleter> curl(curl_easy_init());
     if (!curl) {
-        fail(r, QStringLiteral("cannot start a transfer"));
+        note(r, QStringLiteral("cannot start a transfer"));
         return result;
     }
     CURL* c = curl.get();
@@ -213,7 +214,7 @@ Result post(const Request& r)
     const QString caFile = profileText(QStringLiteral("upload.caFile"), QString());
     const bool verify = profileFlag(QStringLiteral("upload.verify"), true);
     if (!verify)
-        fail(r, QStringLiteral("upload.verify is false: the server's certificate is not checked"));
+        note(r, QStringLiteral("upload.verify is false: the server's certificate is not checked"));
 
     Sink sink;
     char error[CURL_ERROR_SIZE] = {};
@@ -240,19 +241,19 @@ Result post(const Request& r)
     const CURLcode code = curl_easy_perform(c);
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &result.status);
     if (code != CURLE_OK && !(code == CURLE_WRITE_ERROR && sink.cut)) {
-        fail(r, QStringLiteral("no answer: %1").arg(QString::fromUtf8(error[0] ? error : curl_easy_strerror(code))));
+        note(r, QStringLiteral("no answer: %1").arg(QString::fromUtf8(error[0] ? error : curl_easy_strerror(code))));
         result.status = 0;
         return result;
     }
     result.answered = true;
     if (sink.cut)
-        fail(r, QStringLiteral("the answer is longer than %1 bytes; only those are kept").arg(kMaxBody));
+        note(r, QStringLiteral("the answer is longer than %1 bytes; only those are kept").arg(kMaxBody));
     const size_t nul = sink.body.find('\0');
     result.body = nul == std::string::npos ? std::move(sink.body) : sink.body.substr(0, nul);
-    logLine(QStringLiteral("%1: %2: status %3, %4 bytes").arg(QLatin1String(r.fn), shown(r.url)).arg(result.status).arg(result.body.size()));
+    note(r, QStringLiteral("status %1, %2 bytes").arg(result.status).arg(result.body.size()));
 
     if (r.deleteAfter && result.ok() && !QFile::remove(r.file))
-        fail(r, QStringLiteral("uploaded, but %1 could not be removed").arg(r.file));
+        note(r, QStringLiteral("uploaded, but %1 could not be removed").arg(r.file));
     return result;
 }
 
