@@ -1,5 +1,5 @@
 // The document-camera library: preview, frames, camera settings, still capture, codecs,
-// USB identification, file operations and version.
+// USB identification, file operations, image upload and version.
 //
 // These are the library's C entry points as the server calls them. The portable device
 // library (devicelib/portable) implements every one; a vendor library whose declarations
@@ -14,6 +14,7 @@
 #include <vector>
 
 class QImage;
+class QString;
 namespace cv { class Mat; }
 
 // A listener for the camera's capture button: (state, unused...). state 1 means pressed.
@@ -106,5 +107,17 @@ bool bSavePNG(const char* dir, const char* name);
 bool bSaveGrayAndTIF(const char* dir1, const char* name1, const char* dir2, const char* name2);
 bool SplitPic(const char* source, const char* prefix);
 const char* sGetImageBase64_Byte(int quality);   // owned text
+
+// --- upload: a multipart/form-data POST of one local file to an http or https URL -----------------
+// fields is "k=v&k2=v2" (extra form fields); fieldName is the file's field ("" means "file").
+// Text results are the server's answer body (any status), NULL when no answer came; the bool
+// results are true on a 2xx answer only. seconds is the whole time-out (0 or less: 30).
+char* sUpLoadImage(const char* url, const char* file, const char* fields, bool deleteAfter,
+                   const char* fieldName);                                      // heap text
+char* sUpLoadImageEx2(const char* url, const char* file, long seconds, const char* fields);   // heap text
+bool bUpLoadImage(const char* url, const char* file, long seconds, const char* fields);
+// A non-empty token goes out as "Authorization: Bearer <token>"; out receives the answer body.
+bool sUpLoadImageEx5(const char* url, const char* file, long seconds, const char* fields, const char* token,
+                     const char* fieldName, QString* out);
 
 }  // extern "C"

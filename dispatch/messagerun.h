@@ -50,6 +50,8 @@ public slots:
     void recv_msg(QString msg, QWebSocket* socket);
     void handle_msg_slot(QString msg, QObject*);
     void OnSengImgMessage();
+    // An upload answer that arrives later: sent as sUpLoadImageEx2's reply to the current client.
+    void http_reply_slot(int retCode, QString text);
     void slot_zazfpRead(bool bOK, QString fileName);
 
 private:

@@ -8,6 +8,7 @@ PKGS=(
   qtbase5-dev libqt5websockets5-dev qt5-image-formats-plugins
   libopencv-dev
   libturbojpeg0-dev libtiff-dev
+  libcurl4-openssl-dev openssl
   procps xdg-utils
 )
 

@@ -32,6 +32,7 @@ const char* const kBuiltInProfile = R"json({
   "socialSecurityModule": true,
   "open": { "command": "" },
   "files": { "companionDir": "" },
+  "upload": { "caFile": "", "verify": true },
   "camera": { "previewWidth": 1280, "sources": {} },
   "script": {}
 })json";
