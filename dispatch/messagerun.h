@@ -44,6 +44,8 @@ public slots:
     void handle_msg_slot(QString msg, QObject*);
     void OnSengImgMessage();
     void slot_zazfpRead(bool bOK, QString fileName);
+    // The automatic scan's observer: the library invokes it for each shot it reports.
+    void slot_iAutoshot(int n);
 
 private:
     void InitCallBackMap();

@@ -7,7 +7,8 @@ PKGS=(
   build-essential cmake pkg-config
   qtbase5-dev libqt5websockets5-dev qt5-image-formats-plugins
   libopencv-dev
-  libturbojpeg0-dev libtiff-dev
+  libturbojpeg0-dev libtiff-dev libzip-dev
+  poppler-utils
   procps xdg-utils
 )
 
