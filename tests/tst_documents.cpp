@@ -244,8 +244,8 @@ private slots:
                                                   << QStringList{"true", "true", "", "false"} << QStringList{"page.jpg"};
         QTest::newRow("merge named") << QStringList{"bSaveMergeStart($D,card,0,0,0,0)", "bSaveMergePage()", "bSaveMergeEnd()", "bSaveMergeStart($D,card.png,1,1,100,100)", "bSaveMergePage()", "bSaveMergePage()", "bSaveMergeEnd()"}
                                    << QStringList{"true", "true", "true", "true", "true", "false", "true"} << QStringList{"card.jpg", "card.png", "page.jpg"};
-        QTest::newRow("merge refused") << QStringList{"bSaveMergeStart($D,m,10000,1,0,0)", "bSaveMergeStart($D,m,1,101,0,0)", "bSaveMergeStart($D,m,100,1,300,0)", "bSaveMergeStart($D,m,1,0,-5,0)", "bSaveMergePage()", "bSaveMergeEnd()"}
-                                     << QStringList{"false", "false", "false", "false", "false", "false"} << QStringList{"page.jpg"};
+        QTest::newRow("merge refused") << QStringList{"bSaveMergeStart($D,m,10000,1,0,0)", "bSaveMergeStart($D,m,1,101,0,0)", "bSaveMergeStart($D,m,100,1,300,0)", "bSaveMergeStart($D,m,1,0,-5,0)", "bSaveMergeStart($D,m,2,1,9223372036854775807,0)", "bSaveMergePage()", "bSaveMergeEnd()"}
+                                     << QStringList{"false", "false", "false", "false", "false", "false", "false"} << QStringList{"page.jpg"};
         QTest::newRow("merge too tall") << QStringList{"bSaveMergeStart($D,m,1,0,0,0)", "bSaveMergePage()", "bSaveMergePage()", "bSaveMergePage()", "bSaveMergeEnd()"}
                                       << QStringList{"true", "true", "true", "false", "true"} << QStringList{"m.jpg", "page.jpg"};
     }

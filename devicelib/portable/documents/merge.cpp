@@ -29,7 +29,9 @@ bool Merge::start(const char* folder, const char* name, long long columns, long 
         return false;
     }
     const long long cols = columns == 0 ? 1 : columns;
-    if (cellWidth < 0 || cellHeight < 0 || cols * cellWidth > kMaxSide || rows * cellHeight > kMaxSide) {
+    // Each side alone first, so that the products below cannot overflow.
+    if (cellWidth < 0 || cellHeight < 0 || cellWidth > kMaxSide || cellHeight > kMaxSide || cols * cellWidth > kMaxSide
+        || rows * cellHeight > kMaxSide) {
         logLine(QStringLiteral("%1: cells of %2 x %3 pixels in %4 columns and %5 rows: the image would be over %6 pixels a side")
                     .arg(QLatin1String(fn)).arg(cellWidth).arg(cellHeight).arg(cols).arg(rows).arg(kMaxSide));
         return false;
