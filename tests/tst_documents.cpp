@@ -16,6 +16,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTextCodec>
+#include <QThread>
 #include <QXmlStreamReader>
 
 #include <opencv2/imgcodecs.hpp>
@@ -93,6 +94,20 @@ QList<PdfPage> pdfPages(const QString& pdf)
 }
 
 }  // namespace
+
+// An observer as a page's dispatcher would be: what it was told, and on which thread.
+class ShotSpy : public QObject {
+    Q_OBJECT
+public:
+    QList<int> shots;
+    QList<QThread*> threads;
+public slots:
+    void slot_iAutoshot(int n)
+    {
+        shots << n;
+        threads << QThread::currentThread();
+    }
+};
 
 class TestDocuments : public QObject {
     Q_OBJECT
@@ -437,6 +452,31 @@ private slots:
         layDown(live, scene(3));
         QCOMPARE(m_page->drain(4000), QStringList());
         QCOMPARE(QDir(D + "/out").entryList(QDir::Files).size(), 2);
+    }
+
+    // A shot that cannot be saved is reported as -1; an observer without the slot gets a log
+    // line instead of a call.
+    void autoScanReportsFailuresAndToleratesObservers()
+    {
+        const QString live = D + "/live.jpg";
+        QVERIFY(cv::imwrite(live.toStdString(), scene(0)));
+        camera(live);
+        QVERIFY(QDir(D).mkdir("out"));
+        ShotSpy spy;
+        ::iAutoScan_observr(&spy, "1slot_iAutoshot(int)");
+        QCOMPARE(::iAutoScan(1, (D + "/out").toUtf8().constData(), "p"), 1);
+        QTest::qWait(1000);
+        QVERIFY(QDir(D).rmdir("out"));
+        layDown(live, scene(1));
+        QVERIFY(waitFor([&] { return !spy.shots.isEmpty(); }, 8000));
+        QCOMPARE(spy.shots, QList<int>{-1});
+        QCOMPARE(spy.threads, QList<QThread*>{QThread::currentThread()});
+        QObject plain;
+        ::iAutoScan_observr(&plain, "1slot_iAutoshot(int)");
+        LogCapture log(QStringLiteral("devicelib: iAutoScan"));
+        layDown(live, scene(2));
+        QVERIFY(waitFor([&] { return log.contains("has no slot slot_iAutoshot(int)"); }, 8000));
+        QCOMPARE(spy.shots.size(), 1);
     }
 
     // Timed shots every second, k from 1; stopping the camera stops them.
