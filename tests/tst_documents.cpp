@@ -251,8 +251,8 @@ private slots:
                                                       << QStringList{"true", "true", "true", "false"} << QStringList{"page.jpg"};
         QTest::newRow("pdf and ofd apart") << QStringList{"bSavePDFStart($D,a)", "bSaveOFDStart($D,b)", "bSaveOFDColorPage()", "bSavePDFEnd()", "bSaveOFDEnd()"}
                                          << QStringList{"true", "true", "true", "false", "true"} << QStringList{"b.ofd", "page.jpg"};
-        QTest::newRow("corrupt file page") << QStringList{"bSavePDFStart($D,a)", "bAddPDFColorPage($D/bad.jpg)", "bAddPDFColorPage($D/missing.png)", "bSavePDFEnd()"}
-                                         << QStringList{"true", "false", "false", "false"} << QStringList{"bad.jpg", "page.jpg"};
+        QTest::newRow("corrupt file page") << QStringList{"bSavePDFStart($D,a)", "bAddPDFColorPage($D/bad.jpg)", "bAddPDFColorPage($D/missing.png)", "bAddPDFColorPage($D/page.jpg,1e30)", "bSavePDFEnd()"}
+                                         << QStringList{"true", "false", "false", "false", "false"} << QStringList{"bad.jpg", "page.jpg"};
         QTest::newRow("base64 that is no image") << QStringList{"bSaveOFDStart($D,a)", "bAddOFDBase64ColorPage(QUJDRA==)", "bAddOFDBase64ColorPage(data:text/plain;base64,QUJDRA==)", "bAddOFDBase64ColorPage(" + QString(50 << 20, QChar('#')) + ")", "bSaveOFDEnd()"}
                                                << QStringList{"true", "false", "false", "false", "false"} << QStringList{"page.jpg"};
         QTest::newRow("folder gone before the end") << QStringList{"bSavePDFStart($D/sub,a)", "bSavePDFColorPage()", "!rmdir sub", "bSavePDFEnd()"}

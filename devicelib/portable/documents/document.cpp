@@ -58,7 +58,17 @@ bool PageDocument::addFile(const char* fn, const char* path, double scale, bool 
     // PDF pages name their file in the local 8-bit encoding, OFD pages in UTF-8.
     const QString file = !path ? QString() : m_kind == Pdf ? QFile::decodeName(path) : QString::fromUtf8(path);
     const auto picture = pages::readFile(fn, file);
-    return picture && add(fn, pages::place(*picture, scale, mono));
+    if (!picture)
+        return false;
+    DocPage page = pages::place(*picture, scale, mono);
+    // PDF readers take pages up to 200 inches a side; a scale that gives more (or less than a
+    // tenth of a millimetre) is a mistake, not a page.
+    const double w = page.pageMm.width(), h = page.pageMm.height();
+    if (!(w >= 0.1 && h >= 0.1 && w <= 5080 && h <= 5080)) {
+        logLine(QStringLiteral("%1: a scale of %2 makes a page of %3 x %4 mm").arg(QLatin1String(fn)).arg(scale).arg(w).arg(h));
+        return false;
+    }
+    return add(fn, std::move(page));
 }
 
 bool PageDocument::addBase64(const char* fn, const char* text)
