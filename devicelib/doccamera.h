@@ -1,5 +1,6 @@
-// The document-camera library: preview, frames, camera settings, still capture, codecs,
-// USB identification, file operations, image upload and version.
+// The document-camera library: preview, frames, camera settings, still capture, documents
+// (PDF, OFD, merged images), scanning, codecs, USB identification, file operations, image upload
+// and version.
 //
 // These are the library's C entry points as the server calls them. The portable device
 // library (devicelib/portable) implements every one; a vendor library whose declarations
@@ -15,6 +16,7 @@
 
 class QImage;
 class QString;
+class QObject;
 namespace cv { class Mat; }
 
 // A listener for the camera's capture button: (state, unused...). state 1 means pressed.
@@ -107,6 +109,35 @@ bool bSavePNG(const char* dir, const char* name);
 bool bSaveGrayAndTIF(const char* dir1, const char* name1, const char* dir2, const char* name2);
 bool SplitPic(const char* source, const char* prefix);
 const char* sGetImageBase64_Byte(int quality);   // owned text
+
+// --- documents: multi-page PDF and OFD, merged images ------------------------------------------
+// The library keeps one open PDF, one open OFD and one open merge; the page and end functions
+// act on it. File pages take an image path and a scale (see README).
+bool bSavePDFStart(const char* folder, const char* name);
+bool bSavePDFColorPage(void);
+bool bSavePDFBWPage(void);
+bool bSavePDFEnd(void);
+bool bAddPDFColorPage(const char* path, float scale);   // path in the local 8-bit encoding
+bool bAddPDFBWPage(const char* path, float scale);      // path in the local 8-bit encoding
+bool bAddPDFBase64ColorPage(const char* base64);
+bool bSaveOFDStart(const char* folder, const char* name);
+bool bSaveOFDColorPage(void);
+bool bSaveOFDBWPage(void);
+bool bSaveOFDEnd(void);
+bool bAddOFDPage(const char* path, float scale);
+bool bAddOFDBase64ColorPage(const char* base64);
+bool bSaveMergeStart(const char* folder, const char* name, short columns, short rows, long long cellWidth,
+                     long long cellHeight);
+bool bSaveMergePage(void);
+bool bSaveMergeEnd(void);
+
+// --- scanning ----------------------------------------------------------------------------------
+// The automatic scan reports each shot by invoking `slot` (a Qt slot signature such as
+// "1slot_iAutoshot(int)") on `observer`, queued to the observer's thread.
+void iAutoScan_observr(QObject* observer, const char* slot);
+int iAutoScan(int mode, const char* folder, const char* prefix);
+int iTimerScan(int mode, const char* folder, const char* prefix, int seconds);
+bool bBookScanner(const char* folder, const char* name, const char* name2);   // name2 may be NULL
 
 // --- upload: a multipart/form-data POST of one local file to an http or https URL -----------------
 // fields is "k=v&k2=v2" (extra form fields); fieldName is the file's field ("" means "file").

@@ -32,6 +32,7 @@ public:
     short toShort(int i) const { return text(i).toShort(); }
     long toLong(int i) const { return text(i).toLong(); }
     long long toLongLong(int i) const { return text(i).toLongLong(); }
+    float toFloat(int i) const { return text(i).toFloat(); }
     bool toFlag(int i) const { return toInt(i) != 0; }
 
 private:

@@ -53,6 +53,8 @@ public slots:
     // An upload answer that arrives later: sent as sUpLoadImageEx2's reply to the current client.
     void http_reply_slot(int retCode, QString text);
     void slot_zazfpRead(bool bOK, QString fileName);
+    // The automatic scan's observer: the library invokes it for each shot it reports.
+    void slot_iAutoshot(int n);
 
 private:
     void InitCallBackMap();

@@ -7,8 +7,9 @@ PKGS=(
   build-essential cmake pkg-config
   qtbase5-dev libqt5websockets5-dev qt5-image-formats-plugins
   libopencv-dev
-  libturbojpeg0-dev libtiff-dev
+  libturbojpeg0-dev libtiff-dev libzip-dev
   libcurl4-openssl-dev openssl
+  poppler-utils
   procps xdg-utils
 )
 

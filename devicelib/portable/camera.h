@@ -9,6 +9,7 @@
 
 #include <opencv2/core.hpp>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -17,6 +18,8 @@
 typedef void (*CapturePinListener)(int, int, int, unsigned int, int, void*);
 
 namespace portable {
+
+struct StillFormat;
 
 enum class Still { Jpeg, TiffJpeg, Gray, Tiff, Bmp, Png };
 
@@ -70,6 +73,17 @@ public:
     bool saveGrayAndTiff(const char* dir1, const char* name1, const char* dir2, const char* name2);
     bool splitPicture(const char* source, const char* prefix);
     Text imageBase64(int quality);
+
+    // For the documents and scanning: the still as bSaveJPG would save it (oriented, cropped,
+    // colour mode; forceMode >= 0 overrides the mode), with its DPI and quality in *format.
+    // Empty, with a log line naming fn, when no camera is open or it gives no frame.
+    cv::Mat stillFrame(const char* fn, StillFormat* format, int forceMode = -1);
+    // The preview camera's newest frame as a small grey picture about `width` pixels wide,
+    // cheap enough to watch every frame; *seq tells frames apart. False with no camera open.
+    bool watchFrame(int width, cv::Mat& grey, unsigned long long* seq);
+    bool previewOpen() const;
+    // Runs after every stop of the preview (bStopPlay), outside the camera's lock.
+    void addStopHook(std::function<void()> hook);
 
     struct Impl;   // the open cameras and the settings (cameradevice.cpp)
 

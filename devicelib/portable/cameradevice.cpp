@@ -295,6 +295,7 @@ struct Camera::Impl {
     std::map<Control, int> controls;           // applied again to every camera that opens
 
     CaptureButton button;
+    std::vector<std::function<void()>> stopHooks;   // registered once per module, never removed
 
     void resetSettings()
     {
@@ -465,10 +466,58 @@ bool Camera::startPreview(const std::vector<int>& cameras, int rotate, bool setR
 
 bool Camera::stopPreview()
 {
+    std::vector<std::function<void()>> hooks;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->preview.clear();
+        d->releaseUnusedLocked();
+        d->previewChanged.notify_all();
+        hooks = d->stopHooks;
+    }
+    for (const auto& hook : hooks)
+        hook();
+    return true;
+}
+
+void Camera::addStopHook(std::function<void()> hook)
+{
     std::lock_guard<std::mutex> lock(d->mutex);
-    d->preview.clear();
-    d->releaseUnusedLocked();
-    d->previewChanged.notify_all();
+    d->stopHooks.push_back(std::move(hook));
+}
+
+bool Camera::previewOpen() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return !d->preview.empty();
+}
+
+bool Camera::watchFrame(int width, cv::Mat& grey, unsigned long long* seq)
+{
+    std::vector<std::shared_ptr<Device>> devices;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        devices = d->previewDevicesLocked();
+    }
+    if (devices.empty())
+        return false;
+    RawFrame raw;
+    if (!devices[0]->newest(Clock::now() + std::chrono::seconds(1), raw, *seq))
+        return false;
+    cv::Mat small;
+    if (raw.jpeg) {
+        // The DCT scaling of the decoder does most of the shrinking for free.
+        const QImage img = toRgb32(raw, width);
+        if (img.isNull())
+            return false;
+        const cv::Mat bgrx(img.height(), img.width(), CV_8UC4, const_cast<uchar*>(img.bits()), static_cast<size_t>(img.bytesPerLine()));
+        cv::cvtColor(bgrx, small, cv::COLOR_BGRA2GRAY);
+    } else if (raw.bgr.channels() == 1) {
+        small = raw.bgr;
+    } else {
+        cv::cvtColor(raw.bgr, small, cv::COLOR_BGR2GRAY);
+    }
+    const int h = std::max(1, static_cast<int>(static_cast<long long>(small.rows) * width / std::max(1, small.cols)));
+    cv::resize(small, grey, cv::Size(width, h), 0, 0, cv::INTER_AREA);
     return true;
 }
 
@@ -956,6 +1005,11 @@ bool Camera::splitPicture(const char* source, const char* prefix)
         format.quality = d->quality;
     }
     return splitPages(QString::fromUtf8(source), QString::fromUtf8(prefix), format);
+}
+
+cv::Mat Camera::stillFrame(const char* fn, StillFormat* format, int forceMode)
+{
+    return stillImage(*d, fn, format, forceMode);
 }
 
 Text Camera::imageBase64(int quality)

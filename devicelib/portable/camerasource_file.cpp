@@ -1,5 +1,7 @@
 // A camera played from a file: a still image shown again at the frame rate, or a video looped.
 // A JPEG image is handed over as its compressed bytes, like an MJPEG camera's frame.
+// An image is read again when the file changes (looked at by path once a second, so a file
+// renamed over it counts): replacing the file is how a page is "laid under" this camera.
 // Also chooses each camera number's source from the device profile.
 #include "devicelib/portable/camerasource.h"
 #include "devicelib/portable/core.h"
@@ -14,6 +16,8 @@
 
 #include <chrono>
 #include <thread>
+
+#include <sys/stat.h>
 
 namespace portable {
 
@@ -32,15 +36,10 @@ public:
             logLine(QStringLiteral("%1: cannot be read (%2)").arg(describe(), f.errorString()));
             return false;
         }
-        const QByteArray head = f.peek(4);
-        const cv::Mat probe = cv::imread(QFile::encodeName(m_path).toStdString(), cv::IMREAD_COLOR);
-        if (!probe.empty()) {
-            m_still = probe;
-            if (head.startsWith("\xff\xd8")) {
-                const QByteArray all = f.readAll();
-                m_jpeg = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
-            }
-        } else {
+        f.close();
+        m_stamp = stamp();
+        m_nextCheck = m_next + std::chrono::seconds(1);
+        if (!readImage()) {
             m_video = std::make_unique<cv::VideoCapture>(QFile::encodeName(m_path).toStdString());
             if (!m_video->isOpened()) {
                 logLine(QStringLiteral("%1: is neither an image nor a video this system can read").arg(describe()));
@@ -52,12 +51,9 @@ public:
         }
         if (m_fps <= 0 || m_fps > 120)
             m_fps = 10;
-        // A size other than the file's own is given by scaling.
-        const std::pair<int, int> native = nativeSize();
-        m_w = width > 0 ? width : native.first;
-        m_h = height > 0 ? height : native.second;
-        if (m_w != native.first || m_h != native.second)
-            m_jpeg.reset();
+        m_reqW = width;
+        m_reqH = height;
+        fitSize();
         return true;
     }
 
@@ -76,6 +72,15 @@ public:
             std::this_thread::sleep_until(m_next);
         else
             m_next = now;
+        if (!m_video && now >= m_nextCheck) {
+            m_nextCheck = now + std::chrono::seconds(1);
+            const Stamp st = stamp();
+            // A file caught half written stays unread; the next look tries again.
+            if (st != m_stamp && readImage()) {
+                m_stamp = st;
+                fitSize();
+            }
+        }
         frame.width = m_w;
         frame.height = m_h;
         if (m_jpeg) {
@@ -133,6 +138,51 @@ public:
     QString describe() const override { return QStringLiteral("camera %1 (file %2)").arg(m_number).arg(m_path); }
 
 private:
+    // What identifies the file's content by its path: a replaced or rewritten file differs.
+    struct Stamp {
+        long long mtimeNs = -1;
+        long long size = -1;
+        unsigned long long inode = 0;
+        bool operator!=(const Stamp& o) const { return mtimeNs != o.mtimeNs || size != o.size || inode != o.inode; }
+    };
+
+    Stamp stamp() const
+    {
+        struct stat st {};
+        if (::stat(QFile::encodeName(m_path).constData(), &st) != 0)
+            return Stamp();
+        return Stamp{static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec,
+                     static_cast<long long>(st.st_size), static_cast<unsigned long long>(st.st_ino)};
+    }
+
+    // Reads the file as an image (its bytes too when it is a JPEG); false when it is none.
+    bool readImage()
+    {
+        QFile f(m_path);
+        if (!f.open(QIODevice::ReadOnly))
+            return false;
+        const QByteArray all = f.readAll();
+        const cv::Mat buf(1, all.size(), CV_8UC1, const_cast<char*>(all.constData()));
+        const cv::Mat img = all.isEmpty() ? cv::Mat() : cv::imdecode(buf, cv::IMREAD_COLOR);
+        if (img.empty())
+            return false;
+        m_still = img;
+        m_jpeg.reset();
+        if (all.startsWith("\xff\xd8"))
+            m_jpeg = std::make_shared<const std::vector<unsigned char>>(all.begin(), all.end());
+        return true;
+    }
+
+    // A size other than the file's own is given by scaling.
+    void fitSize()
+    {
+        const std::pair<int, int> native = nativeSize();
+        m_w = m_reqW > 0 ? m_reqW : native.first;
+        m_h = m_reqH > 0 ? m_reqH : native.second;
+        if (m_w != native.first || m_h != native.second)
+            m_jpeg.reset();
+    }
+
     std::pair<int, int> nativeSize() const
     {
         if (!m_still.empty())
@@ -150,7 +200,10 @@ private:
     std::shared_ptr<const std::vector<unsigned char>> m_jpeg;
     std::unique_ptr<cv::VideoCapture> m_video;
     int m_w = 0, m_h = 0;
+    int m_reqW = 0, m_reqH = 0;
     std::chrono::steady_clock::time_point m_next;
+    std::chrono::steady_clock::time_point m_nextCheck;
+    Stamp m_stamp;
 };
 
 // Synthetic defaults: a 5 MP document camera at 15 frames a second.

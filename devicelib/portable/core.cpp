@@ -257,6 +257,7 @@ Arg::Arg(double d)
     m_json = buf;
 }
 Arg::Arg(FnArg f) : m_json(f.p ? "\"<fn>\"" : "null") {}
+Arg::Arg(ObjectArg o) : m_json(o.p ? "\"<object>\"" : "null") {}
 Arg::Arg(Out& out) : m_json("\"<out>\""), m_out(&out) {}
 
 static std::string imageJson(int w, int h, const char* format)

@@ -95,6 +95,11 @@ struct FnArg {
     const void* p;
 };
 
+// An object pointer argument (an observer), traced as "<object>".
+struct ObjectArg {
+    const void* p;
+};
+
 // ---------------------------------------------------------------------------------------------
 // One argument as the trace shows it.
 class Arg {
@@ -103,6 +108,7 @@ public:
     Arg(bool b);
     Arg(double d);
     Arg(FnArg f);
+    Arg(ObjectArg o);
     Arg(Out& out);
     template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
     Arg(T v) : m_json(std::to_string(v))
