@@ -10,6 +10,7 @@
 #include <QTest>
 
 #include <cstdlib>
+#include <limits>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -198,6 +199,12 @@ private slots:
         QCOMPARE(version(), QStringLiteral("scripted 1.0"));
         QCOMPARE(version(), QString());
         QCOMPARE(version(), m_defaultVersion);
+
+        // Numbers beyond an int are cut to its range, never converted as they stand.
+        setScript(QStringLiteral("fakeWithOuts"), QJsonArray{QJsonObject{{"ret", 1e300}, {"out", QJsonArray{-1e300, 2147483648.0}}}});
+        QCOMPARE(fakeWithOuts(&a, &b), std::numeric_limits<int>::max());
+        QCOMPARE(a, std::numeric_limits<int>::min());
+        QCOMPARE(b, std::numeric_limits<int>::max());
     }
 
     void wrongScriptEntry_data()
