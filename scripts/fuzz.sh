@@ -43,4 +43,5 @@ for t in "${targets[@]}"; do
     cp -r "$work/artifacts-$t/." build-fuzz/artifacts/ 2>/dev/null || true
   fi
 done
+echo "fuzz.sh: ${SECONDS} s in all (build included)"
 exit "$failed"
