@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages that building, running and testing need.
 # Runs as root, or through sudo otherwise. Safe to run again.
+#   --fuzz   also clang and its libFuzzer runtime, for scripts/fuzz.sh
 set -euo pipefail
 
 PKGS=(
@@ -12,6 +13,9 @@ PKGS=(
   poppler-utils
   procps xdg-utils
 )
+if [ "${1:-}" = "--fuzz" ]; then
+  PKGS+=(clang libclang-rt-14-dev)
+fi
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -10,6 +10,7 @@
 #include <QTest>
 
 #include <cstdlib>
+#include <limits>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -211,6 +212,11 @@ private slots:
                              R"({"fn":"got","args":[10,20,42]})",
                              R"({"fn":"fakeWithOuts","args":["<out>",7,"<out>"],"out":[1,null,2],"ret":3})",
                              R"({"fn":"got","args":[1,2,3]})"};
+        QTest::newRow("numbers beyond an int cut to its range") << Call([] {
+            setScript("fakeWithOuts", QJsonArray{QJsonObject{{"ret", 1e300}, {"out", QJsonArray{-1e300, 2147483648.0}}}});
+            return fakeWithOuts();
+        }) << QByteArrayList{R"({"fn":"fakeWithOuts","args":["<out>",7,"<out>"],"out":[-2147483648,null,2147483647],"ret":2147483647})",
+                             R"({"fn":"got","args":[-2147483648,2147483647,2147483647]})"};
         QTest::newRow("frame fetches left out") << one([] { traced<bool>("getVideoFrameMat", {}, [] { return true; }); traced<bool>("bStopPlay", {}, [] { return true; }); }) << QByteArrayList{R"({"fn":"bStopPlay","args":[],"ret":true})"};
         QTest::newRow("no file, no lines") << one([] { setTraceFile(QString()); bFileIsExist("/x"); }) << QByteArrayList();
     }

@@ -432,11 +432,12 @@ private slots:
     void badSourceKeyIsLoggedAndDefaulted()
     {
         LogCapture log;
-        portable::loadProfileText(R"({"camera":{"sources":{"1":{"type":"synthetic","width":"big"},"2":{"type":"scanner"}}}})",
+        portable::loadProfileText(R"({"camera":{"sources":{"1":{"type":"synthetic","width":"big"},"2":{"type":"scanner"},)"
+                                  R"("3":{"type":"synthetic","width":0.5},"4":{"type":"synthetic","fps":1e-12}}}})",
                                   "bad-profile.json");
-        QCOMPARE(iGetResolutionX(1), 2592);   // the default synthetic camera
-        QCOMPARE(iGetResolutionX(2), 2592);
-        for (const char* key : {"camera.sources.1.width", "camera.sources.2.type"})
+        for (int camera = 1; camera <= 4; ++camera)
+            QCOMPARE(iGetResolutionX(camera), 2592);   // the default synthetic camera
+        for (const char* key : {"camera.sources.1.width", "camera.sources.2.type", "camera.sources.3.width", "camera.sources.4.fps"})
             QVERIFY2(!log.lines().filter("bad-profile.json").filter(key).isEmpty(), key);
     }
 

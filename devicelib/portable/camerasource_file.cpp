@@ -49,7 +49,8 @@ public:
             if (m_fps <= 0)
                 m_fps = m_video->get(cv::CAP_PROP_FPS);
         }
-        if (m_fps <= 0 || m_fps > 120)
+        // Below a frame every 100 s the frame period no longer fits the clock's tick count.
+        if (m_fps < 0.01 || m_fps > 120)
             m_fps = 10;
         m_reqW = width;
         m_reqH = height;
@@ -261,12 +262,14 @@ std::unique_ptr<CameraSource> makeCameraSource(int number)
     }
     if (type == QLatin1String("synthetic")) {
         double w = 0, h = 0, fps = 0;
-        if (!number_("width", kSyntheticWidth, &w) || w > 16384)
+        // At least one whole pixel: a width of 0.5 passed as "positive" and became an empty page.
+        if (!number_("width", kSyntheticWidth, &w) || w < 1 || w > 16384)
             return bad(QStringLiteral("width"), QStringLiteral("is not a width in pixels"));
-        if (!number_("height", kSyntheticHeight, &h) || h > 16384)
+        if (!number_("height", kSyntheticHeight, &h) || h < 1 || h > 16384)
             return bad(QStringLiteral("height"), QStringLiteral("is not a height in pixels"));
-        if (!number_("fps", kSyntheticFps, &fps) || fps > 120)
-            return bad(QStringLiteral("fps"), QStringLiteral("is not a frame rate (up to 120)"));
+        // A frame every 100 s at the slowest: the frame period must fit the clock's tick count.
+        if (!number_("fps", kSyntheticFps, &fps) || fps < 0.01 || fps > 120)
+            return bad(QStringLiteral("fps"), QStringLiteral("is not a frame rate (0.01 to 120)"));
         const QJsonValue mj = o.value("mjpeg");
         if (!mj.isUndefined() && !mj.isBool())
             return bad(QStringLiteral("mjpeg"), QStringLiteral("is not true or false"));

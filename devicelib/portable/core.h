@@ -17,8 +17,10 @@
 #include <QJsonValue>
 #include <QString>
 
+#include <cmath>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -31,6 +33,25 @@ namespace portable {
 
 // A text result: std::nullopt stands for a NULL pointer.
 using Text = std::optional<std::string>;
+
+// ---------------------------------------------------------------------------------------------
+// A scripted number as T. A whole-number T takes the value cut to its range: converting a
+// double beyond the range (a profile's 1e300) is undefined and gave arbitrary values.
+template <class T>
+T scriptNumber(double d)
+{
+    if constexpr (std::is_floating_point_v<T>) {
+        return static_cast<T>(d);
+    } else {
+        if (std::isnan(d))
+            return T(0);
+        if (d <= static_cast<double>(std::numeric_limits<T>::lowest()))
+            return std::numeric_limits<T>::lowest();
+        if (d >= static_cast<double>(std::numeric_limits<T>::max()))
+            return std::numeric_limits<T>::max();
+        return static_cast<T>(d);
+    }
+}
 
 // ---------------------------------------------------------------------------------------------
 // Output parameters: traced as "<out>" in "args", their value after the call in "out".
@@ -52,7 +73,7 @@ public:
         if (!v.isDouble())
             return false;
         if (m_p)
-            *m_p = static_cast<T>(v.toDouble());
+            *m_p = scriptNumber<T>(v.toDouble());
         return true;
     }
 
@@ -182,7 +203,7 @@ bool fromScript(const QJsonValue& v, R& out)
     } else if constexpr (std::is_integral_v<R>) {
         if (!v.isDouble())
             return false;
-        out = static_cast<R>(v.toDouble());
+        out = scriptNumber<R>(v.toDouble());
         return true;
     } else if constexpr (std::is_same_v<R, Text>) {
         if (v.isNull()) {
