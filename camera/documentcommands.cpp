@@ -9,14 +9,26 @@
 #include "dispatch/args.h"
 #include "dispatch/messagerun.h"
 #include "dispatch/replies.h"
+#include "files/pathpolicy.h"
 
 #include <QDebug>
+#include <QDir>
+#include <QFileInfo>
 
 namespace {
 
 using NoArgs = bool (*)();
 using FilePage = bool (*)(const char* path, float scale);
 using Base64Page = bool (*)(const char* base64);
+
+// The file a document start will write: the extension is added when the name lacks it; a merge
+// keeps the name's own extension, else ".jpg".
+QString documentFile(const QString& folder, const QString& file, const QString& ext)
+{
+    if (ext.isEmpty())
+        return QDir(folder).filePath(QFileInfo(file).suffix().isEmpty() ? file + QStringLiteral(".jpg") : file);
+    return QDir(folder).filePath(file.endsWith(ext, Qt::CaseInsensitive) ? file : file + ext);
+}
 
 QString call(const QString& name, NoArgs fn)
 {
@@ -28,6 +40,8 @@ QString pdfFilePage(const QString& name, const QString& args, FilePage fn)
 {
     const Args a = Args::split(args);
     const float scale = a.count() >= 2 ? a.toFloat(1) : -1.0f;
+    if (!pathpolicy::allowed(a.text(0), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, fn(a.local8(0).constData(), scale)));
 }
 
@@ -47,6 +61,8 @@ QString MessageRun::bSavePDFStart_callback(QString name, QString args, MessageRu
         qDebug() << __LINE__ << __FUNCTION__ << "documentcommands" << "needs a folder and a name:" << args;
         return reply::send(reply::framedFalse(name));
     }
+    if (!pathpolicy::allowed(documentFile(a.text(0), a.text(1), QStringLiteral(".pdf")), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bSavePDFStart(a.utf8(0).constData(), a.utf8(1).constData())));
 }
 
@@ -88,6 +104,8 @@ QString MessageRun::bSaveOFDStart_callback(QString name, QString args, MessageRu
         qDebug() << __LINE__ << __FUNCTION__ << "documentcommands" << "needs a folder and a name:" << args;
         return reply::send(reply::framedFalse(name));
     }
+    if (!pathpolicy::allowed(documentFile(a.text(0), a.text(1), QStringLiteral(".ofd")), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bSaveOFDStart(a.utf8(0).constData(), a.utf8(1).constData())));
 }
 
@@ -115,6 +133,8 @@ QString MessageRun::bAddOFDPage_callback(QString name, QString args, MessageRun*
         return reply::send(reply::framedFalse(name));
     }
     const float scale = a.count() >= 2 ? a.toFloat(1) : 1.0f;
+    if (!pathpolicy::allowed(a.text(0), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bAddOFDPage(a.utf8(0).constData(), scale)));
 }
 
@@ -132,6 +152,8 @@ QString MessageRun::bSaveMergeStart_callback(QString name, QString args, Message
         qDebug() << __LINE__ << __FUNCTION__ << "documentcommands" << "needs six parts:" << args;
         return reply::send(reply::framedFalse(name));
     }
+    if (!pathpolicy::allowed(documentFile(a.text(0), a.text(1), QString()), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bSaveMergeStart(a.utf8(0).constData(), a.utf8(1).constData(), a.toShort(2),
                                                                  a.toShort(3), a.toLongLong(4), a.toLongLong(5))));
 }

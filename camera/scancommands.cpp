@@ -4,6 +4,7 @@
 #include "dispatch/args.h"
 #include "dispatch/messagerun.h"
 #include "dispatch/replies.h"
+#include "files/pathpolicy.h"
 
 #include <QDebug>
 
@@ -15,7 +16,7 @@ QString MessageRun::iAutoScan_callback(QString name, QString args, MessageRun* s
     int result = 0;
     if (a.count() < 3) {
         qDebug() << __LINE__ << __FUNCTION__ << "scancommands" << "needs a mode, a folder and a prefix:" << args;
-    } else {
+    } else if (pathpolicy::allowed(a.text(1), name)) {
         ::iAutoScan_observr(self, "1slot_iAutoshot(int)");
         result = ::iAutoScan(a.toInt(0), a.utf8(1).constData(), a.utf8(2).constData());
     }
@@ -26,7 +27,7 @@ QString MessageRun::iAutoScan_callback(QString name, QString args, MessageRun* s
 QString MessageRun::iTimerScan_callback(QString name, QString args, MessageRun*)
 {
     const Args a = Args::split(args);
-    if (a.count() >= 4)
+    if (a.count() >= 4 && pathpolicy::allowed(a.text(1), name))
         ::iTimerScan(a.toInt(0), a.utf8(1).constData(), a.utf8(2).constData(), a.toInt(3));
     else
         qDebug() << __LINE__ << __FUNCTION__ << "scancommands" << "needs four parts:" << args;
@@ -41,6 +42,8 @@ QString MessageRun::bBookScanner_callback(QString name, QString args, MessageRun
         qDebug() << __LINE__ << __FUNCTION__ << "scancommands" << "needs a folder and a name:" << args;
         return reply::send(reply::framedFalse(name));
     }
+    if (!pathpolicy::allowed(a.text(0), name))
+        return reply::send(reply::framedFalse(name));
     const QByteArray third = a.utf8(2);
     return reply::send(reply::framedBool(
         name, ::bBookScanner(a.utf8(0).constData(), a.utf8(1).constData(), a.count() >= 3 ? third.constData() : nullptr)));

@@ -9,6 +9,7 @@
 #include "dispatch/args.h"
 #include "dispatch/messagerun.h"
 #include "dispatch/replies.h"
+#include "files/pathpolicy.h"
 
 #include <QDebug>
 #include <QDialog>
@@ -45,6 +46,9 @@ QString uploadImage(const QString& name, const QString& args)
     const Args a = Args::split(args);
     if (a.count() < 2)
         return reply::send(reply::framedFalse(name));
+    // A file outside the roots is never sent anywhere; the page sees what no answer looks like.
+    if (!pathpolicy::allowed(a.text(1), name))
+        return reply::send(reply::framedEmpty(name));
     return framedHeapText(name, ::sUpLoadImage(a.utf8(0).constData(), a.utf8(1).constData(), a.utf8(2).constData(),
                                                a.toFlag(4), a.utf8(3).constData()));
 }
@@ -94,6 +98,8 @@ QString MessageRun::sUpLoadImageEx2_callback(QString name, QString args, Message
     const Args a = Args::split(args);
     if (a.count() < 4)
         return reply::send(reply::framedFalse(name));
+    if (!pathpolicy::allowed(a.text(1), name))
+        return reply::send(reply::framedEmpty(name));
     return framedHeapText(name, ::sUpLoadImageEx2(a.utf8(0).constData(), a.utf8(1).constData(), a.toLong(2),
                                                   a.utf8(3).constData()));
 }
@@ -101,7 +107,7 @@ QString MessageRun::sUpLoadImageEx2_callback(QString name, QString args, Message
 QString MessageRun::bUpLoadImage_callback(QString name, QString args, MessageRun*)
 {
     const Args a = Args::split(args);
-    if (a.count() < 4)
+    if (a.count() < 4 || !pathpolicy::allowed(a.text(1), name))
         return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(
         name, ::bUpLoadImage(a.utf8(0).constData(), a.utf8(1).constData(), a.toLong(2), a.utf8(3).constData())));
@@ -115,7 +121,9 @@ QString MessageRun::sUpLoadImageEx5_callback(QString name, QString args, Message
 
     QThreadPool::globalInstance()->start([job, args, name, self] {
         const Args a = Args::split(args);
-        if (a.count() >= 9) {
+        if (a.count() >= 9 && !pathpolicy::allowed(a.text(1), name)) {
+            job->reply = reply::framedEmpty(name);
+        } else if (a.count() >= 9) {
             const QByteArray token = a.toInt(4) == 0 ? a.utf8(5) : QByteArray();
             QString out;
             job->success = ::sUpLoadImageEx5(a.utf8(0).constData(), a.utf8(1).constData(), a.toLong(2),

@@ -192,6 +192,15 @@ private slots:
         rooted("encode inside", "Base64Encode(%D/in/a.jpg)", "QQ==", {}, {}, true);
         rooted("decode outside", "Base64Decode(QUJD,%D/out/d.bin)", "false", {}, {"%D/out/d.bin"});
         rooted("decode inside", "Base64Decode(QUJD,%D/in/d.bin)", "true", {"%D/in/d.bin=ABC"}, {}, true);
+        rooted("pdf into outside", "bSavePDFStart(%D/out,doc)", "false", {}, {"%D/out/doc.pdf"});
+        rooted("ofd inside", "bSaveOFDStart(%D/in,doc)", "true", {}, {}, true);
+        rooted("pdf page from outside", "bAddPDFColorPage(%D/out/b.jpg)", "false");
+        rooted("ofd page from outside", "bAddOFDPage(%D/out/b.jpg,1)", "false");
+        rooted("merge into outside", "bSaveMergeStart(%D/out,m,2,1,100,100)", "false");
+        rooted("book scan into outside", "bBookScanner(%D/out,b)", "false");
+        rooted("timed scan into outside", "iTimerScan(1,%D/out,p,5)", "true");
+        rooted("upload from outside", "bUpLoadImage(http://127.0.0.1:9/,%D/out/b.jpg,1,)", "false");
+        rooted("upload text from outside", "sUpLoadImageEx2(http://127.0.0.1:9/,%D/out/b.jpg,1,)", "");
     }
 
     void commands()
