@@ -79,6 +79,10 @@ END {
         "p99 <= 5 ms, none over 10 ms",
         v["rtt.streaming.samples"] > 0 && v["rtt.streaming.p99_ms"] <= 5 && v["rtt.streaming.max_ms"] <= 10)
     info("  frames per page while probing", sprintf("%.1f fps", v["rtt.streaming.page_fps"]))
+    row("3c Round trip, camera start failing, retried",
+        sprintf("p50 %.3f  p99 %.3f  max %.3f ms (n=%d)", v["rtt.retrying.p50_ms"], v["rtt.retrying.p99_ms"], v["rtt.retrying.max_ms"], v["rtt.retrying.samples"]),
+        "max < 20 ms", v["rtt.retrying.samples"] > 0 && v["rtt.retrying.max_ms"] < 20)
+    info("  failed starts answered while probing", sprintf("%d", v["rtt.retrying.failed_starts"]))
     row("4 Server CPU, 5 MP MJPEG, 15 fps, 8 pages",
         sprintf("%.1f %% of one core over %.0f s (%.1f fps/page)", v["cpu.server_percent"], v["cpu.seconds"], v["cpu.page_fps"]),
         "<= 25 %", v["cpu.server_percent"] <= 25)
