@@ -240,7 +240,7 @@ private slots:
         QTest::newRow("factor 50 out") << "factor 50 out" << QSize(1200, 900) << QSize();
         QTest::newRow("original resets the factor") << "factor 50 out out original in" << QSize(720, 540) << QSize();
         QTest::newRow("pushed at the size") << "frame 640 480" << QSize(800, 600) << QSize(800, 600);
-        QTest::newRow("aspect ignored") << "frame 1000 1000" << QSize(800, 600) << QSize(800, 600);
+        QTest::newRow("proportions ignored") << "frame 1000 1000" << QSize(800, 600) << QSize(800, 600);
         QTest::newRow("width reaches tenfold") << "size 1200 900 frame 100 80" << QSize(1200, 900) << QSize(1000, 800);
         QTest::newRow("height reaches tenfold") << "size 1200 600 frame 200 50" << QSize(1200, 600) << QSize(2000, 500);
         QTest::newRow("just below tenfold") << "size 999 799 frame 100 80" << QSize(999, 799) << QSize(999, 799);
