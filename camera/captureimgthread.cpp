@@ -1,18 +1,45 @@
 #include "camera/captureimgthread.h"
 #include "camera/previewframe.h"
+#include "dispatch/threadowner.h"
 
 #include "devicelib/doccamera.h"
 
 #include <QDebug>
+#include <QDeadlineTimer>
 #include <QImage>
 #include <QList>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QWaitCondition>
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
+#include <cmath>
 
 namespace {
+
+// The pauses of the loop, in milliseconds. Only tests change them (to run in seconds).
+std::atomic<int> g_firstRetryMs{500};
+std::atomic<int> g_secondRetryMs{1000};
+std::atomic<int> g_failureMs{1000};
+std::atomic<int> g_recoveryMs{3000};
+
+// A page may ask for a preview up to the camera's own frame size, or this when the frame is
+// smaller: enough for any screen, while one request can no longer make every frame cost
+// gigabytes.
+constexpr int kPreviewCap = 4096;
+
+// A preview dimension computed in floating point, truncated toward zero, raised to its floor
+// and held at the cap, without any step that could overflow an int.
+int previewDimension(double value, int floor, int cap)
+{
+    if (std::isnan(value) || value >= cap)
+        return cap;
+    if (value <= floor)
+        return floor;
+    return static_cast<int>(value);
+}
 
 // What each queued start does: the camera code it answers at once for, the code it leaves
 // behind, and its reply name. The dual camera answers under another name when already open.
@@ -92,18 +119,34 @@ void restartCamera(int camera)
 struct CaptureImgThread::Private {
     explicit Private(CaptureImgThread* owner) : q(owner) {}
 
-    void perform(enumCameraOPeration op);
-    void start(enumCameraOPeration op);
+    void perform(enumCameraOPeration op, quint64 epoch);
+    void start(enumCameraOPeration op, quint64 epoch);
     void close();
-    void fetchFrame();
+    void fetchFrame(quint64 epoch);
+    // Waits up to ms on the wake condition; false when destory() or silenceClose() cut it short.
+    bool pause(int ms, quint64 epoch);
+    int camera() const
+    {
+        QMutexLocker lock(&mutex);
+        return currentCamera;
+    }
+    bool stillRunning() const
+    {
+        QMutexLocker lock(&mutex);
+        return running;
+    }
+    int widthCap() const { return std::max(frameWidth.load(), kPreviewCap); }
+    int heightCap() const { return std::max(frameHeight.load(), kPreviewCap); }
 
     CaptureImgThread* q;
 
-    // Guarded by mutex.
+    // Guarded by mutex, which is only ever held for a few instructions.
     bool running = true;
     int currentCamera = -1;
     QList<enumCameraOPeration> queue;
-    QMutex mutex;
+    // Moved on by silenceClose() and destory(): work begun before no longer applies.
+    quint64 epoch = 0;
+    mutable QMutex mutex;
     QWaitCondition wake;
 
     // Written by commands without the lock; atomics so the loop never reads a torn value.
@@ -112,74 +155,105 @@ struct CaptureImgThread::Private {
     std::atomic<int> previewWidth{800};
     std::atomic<int> previewHeight{600};
     std::atomic<bool> previewEnabled{true};
+    // The size of the last frame fetched (0 before any), for the preview cap.
+    std::atomic<int> frameWidth{0};
+    std::atomic<int> frameHeight{0};
 
     // Consecutive failed frames; only the loop touches it.
     int failures = 0;
 };
 
-void CaptureImgThread::Private::perform(enumCameraOPeration op)
+void CaptureImgThread::Private::perform(enumCameraOPeration op, quint64 epoch)
 {
     if (op == OpClose)
         close();
     else
-        start(op);
+        start(op, epoch);
 }
 
-void CaptureImgThread::Private::start(enumCameraOPeration op)
+bool CaptureImgThread::Private::pause(int ms, quint64 since)
+{
+    const QDeadlineTimer deadline(ms);
+    QMutexLocker lock(&mutex);
+    while (running && epoch == since) {
+        if (!wake.wait(&mutex, deadline))
+            return running && epoch == since;
+    }
+    return false;
+}
+
+void CaptureImgThread::Private::start(enumCameraOPeration op, quint64 epoch)
 {
     const StartRow& row = kStartRows[op];
-    if (currentCamera == row.code) {
+    const int current = camera();
+    if (current == row.code) {
         emit q->sig_msg(framed(op == OpStartPlayOpen ? "bDualCameraOpen" : row.name, true));
         return;
     }
-    if (currentCamera > 0)
+    if (current > 0)
         bStopPlay();
     // A camera that has just been released often refuses the first open: stop it cleanly and
-    // give the driver a little longer each time.
+    // give the driver a little longer each time. When the camera is taken over meanwhile
+    // (silenceClose), the remaining tries are left out and the page hears false.
     bool ok = tryStart(op, 1);
+    bool given = false;
     if (!ok) {
         bStopPlay();
-        QThread::msleep(500);
-        ok = tryStart(op, 2);
+        given = !pause(g_firstRetryMs, epoch);
+        ok = !given && tryStart(op, 2);
     }
-    if (!ok) {
+    if (!ok && !given) {
         bStopPlay();
-        QThread::msleep(1000);
-        ok = tryStart(op, 3);
+        given = !pause(g_secondRetryMs, epoch);
+        ok = !given && tryStart(op, 3);
     }
-    if (ok)
-        currentCamera = row.stored;
+    if (given && !stillRunning())
+        return;
+    if (ok) {
+        QMutexLocker lock(&mutex);
+        if (this->epoch == epoch)
+            currentCamera = row.stored;
+    }
     emit q->sig_msg(framed(row.name, ok));
 }
 
 void CaptureImgThread::Private::close()
 {
-    currentCamera = -1;
+    {
+        QMutexLocker lock(&mutex);
+        currentCamera = -1;
+    }
     emit q->sig_msg(framed("bStopPlay", bStopPlay()));
 }
 
-void CaptureImgThread::Private::fetchFrame()
+void CaptureImgThread::Private::fetchFrame(quint64 epoch)
 {
     QImage frame;
     if (!getVideoFrame(frame) || frame.isNull()) {
         ++failures;
-    } else if (!previewEnabled) {
+    } else {
+        frameWidth = frame.width();
+        frameHeight = frame.height();
+        if (previewEnabled) {
+            emit q->sig_msg(previewFrameBase64(frame, previewWidth, previewHeight));
+            failures = 0;
+            return;
+        }
         if (failures == 0)
             return;
-    } else {
-        emit q->sig_msg(previewFrameBase64(frame, previewWidth, previewHeight));
-        failures = 0;
-        return;
     }
 
-    QThread::sleep(1);
+    if (!pause(g_failureMs, epoch)) {
+        failures = 0;   // the camera was given up meanwhile
+        return;
+    }
     if (failures > 5) {
         // The camera stopped delivering: release it and open it again as it was.
         qDebug() << "capture error";
         bStopPlay();
-        QThread::sleep(3);
-        restartCamera(currentCamera);
         failures = 0;
+        if (pause(g_recoveryMs, epoch))
+            restartCamera(camera());
     }
 }
 
@@ -187,8 +261,9 @@ void CaptureImgThread::Private::fetchFrame()
 
 CaptureImgThread* CaptureImgThread::instance()
 {
-    static CaptureImgThread thread;
-    return &thread;
+    // On the heap, stopped and deleted by ThreadOwner when the application ends.
+    static CaptureImgThread* const thread = ThreadOwner::adopt(new CaptureImgThread, &CaptureImgThread::destory);
+    return thread;
 }
 
 CaptureImgThread::CaptureImgThread() : d(std::make_unique<Private>(this))
@@ -205,20 +280,37 @@ CaptureImgThread::~CaptureImgThread()
 void CaptureImgThread::run()
 {
     for (;;) {
-        QMutexLocker lock(&d->mutex);
-        if (!d->running)
-            return;
-        if (d->paused) {
-            // Another component has the camera; keep away from the library until it is done.
-            lock.unlock();
-            QThread::yieldCurrentThread();
-            continue;
+        // Take the next piece of work under the lock, then do it without: a command that
+        // queues an operation meanwhile is never made to wait for the camera.
+        enum { Nothing, Operation, Frame } work = Nothing;
+        enumCameraOPeration op = OpClose;
+        quint64 epoch = 0;
+        {
+            QMutexLocker lock(&d->mutex);
+            if (!d->running)
+                return;
+            if (d->paused) {
+                // Another component has the camera; keep away from the library until it is done.
+                d->wake.wait(&d->mutex, 20);
+                continue;
+            }
+            // Up to 20 ms between frames; queued work goes first and needs no wait.
+            if (d->queue.isEmpty())
+                d->wake.wait(&d->mutex, 20);
+            if (!d->running || d->paused)
+                continue;
+            if (!d->queue.isEmpty()) {
+                work = Operation;
+                op = d->queue.takeFirst();
+            } else if (d->currentCamera > 0) {
+                work = Frame;
+            }
+            epoch = d->epoch;
         }
-        d->wake.wait(&d->mutex, 20);
-        if (!d->queue.isEmpty())
-            d->perform(d->queue.takeFirst());
-        else if (d->currentCamera > 0)
-            d->fetchFrame();
+        if (work == Operation)
+            d->perform(op, epoch);
+        else if (work == Frame)
+            d->fetchFrame(epoch);
     }
 }
 
@@ -239,7 +331,7 @@ void CaptureImgThread::openCamera(int code)
         default: qDebug() << __LINE__ << __FUNCTION__ << "captureimgthread" << "unknown camera code" << code; break;
         }
     }
-    d->wake.wakeOne();
+    d->wake.wakeAll();
 }
 
 void CaptureImgThread::closeCamera()
@@ -248,7 +340,7 @@ void CaptureImgThread::closeCamera()
         QMutexLocker lock(&d->mutex);
         d->queue.append(OpClose);
     }
-    d->wake.wakeOne();
+    d->wake.wakeAll();
 }
 
 void CaptureImgThread::silenceClose()
@@ -257,20 +349,23 @@ void CaptureImgThread::silenceClose()
         QMutexLocker lock(&d->mutex);
         d->queue.clear();
         d->currentCamera = -1;
+        ++d->epoch;
     }
-    d->wake.wakeOne();
+    d->wake.wakeAll();
 }
 
 void CaptureImgThread::destory()
 {
     QMutexLocker lock(&d->mutex);
     d->running = false;
-    d->wake.wakeOne();
+    ++d->epoch;
+    d->wake.wakeAll();
 }
 
 void CaptureImgThread::setPause(bool paused)
 {
     d->paused = paused;
+    d->wake.wakeAll();
 }
 
 void CaptureImgThread::vSetPreviewEnable(bool enabled)
@@ -285,8 +380,8 @@ bool CaptureImgThread::bGetPreviewEnable()
 
 void CaptureImgThread::vSetPreViewSize(int w, int h)
 {
-    d->previewWidth = qMax(w, 400);
-    d->previewHeight = qMax(h, 300);
+    d->previewWidth = previewDimension(w, 400, d->widthCap());
+    d->previewHeight = previewDimension(h, 300, d->heightCap());
 }
 
 void CaptureImgThread::vSetZoomFactor(int percent)
@@ -296,20 +391,21 @@ void CaptureImgThread::vSetZoomFactor(int percent)
 
 void CaptureImgThread::vZoomOut()
 {
-    // Zooming out shows the page a larger frame; there is no upper bound.
+    // Zooming out shows the page a larger frame, up to the cap; there is no floor.
     const double f = d->zoomFactor;
-    const int w = d->previewWidth;
-    const int h = d->previewHeight;
-    d->previewWidth = static_cast<int>(w + w * f);
-    d->previewHeight = static_cast<int>(h + h * f);
+    const double w = d->previewWidth;
+    const double h = d->previewHeight;
+    d->previewWidth = previewDimension(w + w * f, INT_MIN, d->widthCap());
+    d->previewHeight = previewDimension(h + h * f, INT_MIN, d->heightCap());
 }
 
 void CaptureImgThread::vZoomIn()
 {
     const double f = d->zoomFactor;
-    const int w = d->previewWidth;
-    const int h = d->previewHeight;
-    vSetPreViewSize(static_cast<int>(w - w * f), static_cast<int>(h - h * f));
+    const double w = d->previewWidth;
+    const double h = d->previewHeight;
+    d->previewWidth = previewDimension(w - w * f, 400, d->widthCap());
+    d->previewHeight = previewDimension(h - h * f, 300, d->heightCap());
 }
 
 void CaptureImgThread::vZoomOriginal()
@@ -331,6 +427,19 @@ int CaptureImgThread::previewHeight() const
 
 int CaptureImgThread::currentCamera() const
 {
+    return d->camera();
+}
+
+int CaptureImgThread::queuedOperations() const
+{
     QMutexLocker lock(&d->mutex);
-    return d->currentCamera;
+    return d->queue.size();
+}
+
+void CaptureImgThread::setDelays(int firstRetryMs, int secondRetryMs, int failureMs, int recoveryMs)
+{
+    g_firstRetryMs = firstRetryMs;
+    g_secondRetryMs = secondRetryMs;
+    g_failureMs = failureMs;
+    g_recoveryMs = recoveryMs;
 }

@@ -1,6 +1,8 @@
 // CaptureImgThread: the one thread that owns the document camera's live video. Commands queue
-// start and stop operations; the thread runs them with the device library, answers on sig_msg,
-// and while a camera is open fetches frames and emits each as the bare base64 of a JPEG.
+// start and stop operations and return at once; the thread runs them with the device library,
+// answers on sig_msg, and while a camera is open fetches frames and emits each as the bare
+// base64 of a JPEG. Its lock guards only the queue and the camera code, never a library call,
+// an encode, an emit or a wait, so no command waits for the camera.
 #pragma once
 
 #include <QByteArray>
@@ -53,6 +55,10 @@ private:
     int previewWidth() const;
     int previewHeight() const;
     int currentCamera() const;
+    int queuedOperations() const;
+    // The pauses of the start retries, of a failed frame and of the recovery, in milliseconds
+    // (500, 1000, 1000, 3000). Tests shorten them; nothing else changes them.
+    static void setDelays(int firstRetryMs, int secondRetryMs, int failureMs, int recoveryMs);
     struct Private;
     std::unique_ptr<Private> d;
     friend class CaptureImgThreadTestAccess;

@@ -1,6 +1,5 @@
 #include "camera/previewframe.h"
-
-#include <QBuffer>
+#include "camera/jpegbase64.h"
 
 QByteArray previewFrameBase64(const QImage& frame, int width, int height)
 {
@@ -8,9 +7,5 @@ QByteArray previewFrameBase64(const QImage& frame, int width, int height)
     const QImage scaled = (width < 10 * frame.width() && height < 10 * frame.height())
         ? frame.scaled(width, height, Qt::IgnoreAspectRatio, Qt::FastTransformation)
         : frame.scaled(10 * frame.width(), 10 * frame.height(), Qt::IgnoreAspectRatio, Qt::FastTransformation);
-    QByteArray jpeg;
-    QBuffer buffer(&jpeg);
-    buffer.open(QIODevice::WriteOnly);
-    scaled.save(&buffer, "jpg", -1);
-    return jpeg.toBase64();
+    return jpegBase64(scaled);
 }

@@ -1,9 +1,11 @@
 #include "camera/stoprecthread.h"
+#include "dispatch/threadowner.h"
 
 StopRecThread* StopRecThread::instance()
 {
-    static StopRecThread thread;
-    return &thread;
+    // On the heap, stopped and deleted by ThreadOwner when the application ends.
+    static StopRecThread* const thread = ThreadOwner::adopt(new StopRecThread, &QThread::requestInterruption);
+    return thread;
 }
 
 StopRecThread::~StopRecThread()

@@ -1,9 +1,11 @@
 #include "identity/facematchthread.h"
+#include "dispatch/threadowner.h"
 
 FaceMatchThread* FaceMatchThread::instance()
 {
-    static FaceMatchThread thread;
-    return &thread;
+    // On the heap, stopped and deleted by ThreadOwner when the application ends.
+    static FaceMatchThread* const thread = ThreadOwner::adopt(new FaceMatchThread, &WorkerThread::destory);
+    return thread;
 }
 
 FaceMatchThread::FaceMatchThread()

@@ -1,9 +1,11 @@
 #include "identity/livingbodydetectthread.h"
+#include "dispatch/threadowner.h"
 
 LivingBodyDetectThread* LivingBodyDetectThread::instance()
 {
-    static LivingBodyDetectThread thread;
-    return &thread;
+    // On the heap, stopped and deleted by ThreadOwner when the application ends.
+    static LivingBodyDetectThread* const thread = ThreadOwner::adopt(new LivingBodyDetectThread, &WorkerThread::destory);
+    return thread;
 }
 
 LivingBodyDetectThread::LivingBodyDetectThread()

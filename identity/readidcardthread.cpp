@@ -1,9 +1,11 @@
 #include "identity/readidcardthread.h"
+#include "dispatch/threadowner.h"
 
 ReadIdCardThread* ReadIdCardThread::instance()
 {
-    static ReadIdCardThread thread;
-    return &thread;
+    // On the heap, stopped and deleted by ThreadOwner when the application ends.
+    static ReadIdCardThread* const thread = ThreadOwner::adopt(new ReadIdCardThread, &WorkerThread::destory);
+    return thread;
 }
 
 ReadIdCardThread::ReadIdCardThread()

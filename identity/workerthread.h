@@ -1,6 +1,6 @@
 // WorkerThread: what the identity workers share. Each is a thread that starts when it is first
-// reached, waits on its condition for a job, reports on sig_msg, and is stopped and joined by
-// its destructor so the process exits cleanly.
+// reached, waits on its condition for a job, and reports on sig_msg. ThreadOwner stops, joins
+// and deletes it when the application ends, before the device library's statics go.
 #pragma once
 
 #include <QByteArray>

@@ -424,6 +424,9 @@ Camera::~Camera()
     d->releaseUnusedLocked();
 }
 
+// Destroyed with the other statics, after main: the server's workers that fetch frames are
+// stopped and joined before that, when its application object goes, so closing
+// the sources and joining their grabber threads here races nobody.
 Camera& camera()
 {
     static Camera c;

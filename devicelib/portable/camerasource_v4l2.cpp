@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <set>
 
 namespace portable {
@@ -101,8 +102,7 @@ public:
             m_cap->set(cv::CAP_PROP_CONVERT_RGB, 0);
             m_cap->set(cv::CAP_PROP_FORMAT, -1);
         }
-        m_w = static_cast<int>(m_cap->get(cv::CAP_PROP_FRAME_WIDTH));
-        m_h = static_cast<int>(m_cap->get(cv::CAP_PROP_FRAME_HEIGHT));
+        setSize(static_cast<int>(m_cap->get(cv::CAP_PROP_FRAME_WIDTH)), static_cast<int>(m_cap->get(cv::CAP_PROP_FRAME_HEIGHT)));
         // The first frame tells whether the device really streams (another program may hold it).
         RawFrame probe;
         if (!grab(probe)) {
@@ -137,8 +137,7 @@ public:
             frame.width = m.cols;
             frame.height = m.rows;
         }
-        m_w = frame.width;
-        m_h = frame.height;
+        setSize(frame.width, frame.height);
         return true;
     }
 
@@ -172,7 +171,12 @@ public:
         return out;
     }
 
-    std::pair<int, int> currentSize() const override { return {m_w, m_h}; }
+    // The grabber thread writes the size with every frame; the camera's controls read it.
+    std::pair<int, int> currentSize() const override
+    {
+        std::lock_guard<std::mutex> lock(m_sizeMutex);
+        return {m_w, m_h};
+    }
 
     bool setControl(Control control, int value) override
     {
@@ -200,6 +204,13 @@ public:
     QString devicePath() const override { return m_device; }
 
 private:
+    void setSize(int w, int h)
+    {
+        std::lock_guard<std::mutex> lock(m_sizeMutex);
+        m_w = w;
+        m_h = h;
+    }
+
     std::set<unsigned> formats() const
     {
         Fd fd(m_device);
@@ -249,7 +260,8 @@ private:
     const QString m_device;
     std::unique_ptr<cv::VideoCapture> m_cap;
     bool m_raw = false;
-    int m_w = 0, m_h = 0;
+    mutable std::mutex m_sizeMutex;
+    int m_w = 0, m_h = 0;   // guarded by m_sizeMutex
 };
 
 }  // namespace

@@ -52,10 +52,14 @@ struct State {
     bool traceInit = false;
 };
 
+// Never destroyed: the camera's cameras and the capture button are closed by static
+// destructors, and server statics may still log or trace through the library at exit, in an
+// order no file controls. What it holds needs no tidying then (the trace file is flushed by
+// exit like every stdio stream).
 State& state()
 {
-    static State s;
-    return s;
+    static State* const s = new State;
+    return *s;
 }
 
 // Overlays b onto a: objects merge key by key, anything else replaces. A key whose type

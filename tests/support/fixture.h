@@ -108,4 +108,10 @@ public:
         return QSize(t->previewWidth(), t->previewHeight());
     }
     static int currentCamera() { return CaptureImgThread::instance()->currentCamera(); }
+    static int queuedOperations() { return CaptureImgThread::instance()->queuedOperations(); }
+    // The start retries' pauses, a failed frame's and the recovery's, in milliseconds.
+    static void setDelays(int firstRetryMs, int secondRetryMs, int failureMs, int recoveryMs)
+    {
+        CaptureImgThread::setDelays(firstRetryMs, secondRetryMs, failureMs, recoveryMs);
+    }
 };
