@@ -41,7 +41,6 @@ public:
     ~PagePair() override;
 
     bool isConnected() const;
-    QWebSocket* page() { return &ws; }
     QWebSocket* serverSide() { return m_serverSide; }
     // Makes the server-side socket the current client again (after a test cleared it).
     void makeCurrent();
