@@ -26,14 +26,14 @@ QString synthetic(int w, int h, bool mjpeg = false, int previewWidth = 1280)
         .arg(w).arg(h).arg(mjpeg ? "true" : "false").arg(previewWidth);
 }
 
-// Which quadrant of an image is the bright one: 0 TL, 1 TR, 2 BL, 3 BR.
-int brightQuadrant(const cv::Mat& m)
+// An image's size and which quadrant of it is the bright one: 0 TL, 1 TR, 2 BL, 3 BR.
+QString sizeAndBrightQuadrant(const cv::Mat& m)
 {
     const int w = m.cols / 2, h = m.rows / 2;
     std::vector<double> means;
     for (int q = 0; q < 4; ++q)
         means.push_back(cv::mean(m(cv::Rect((q % 2) * w, (q / 2) * h, w, h)))[0]);
-    return int(std::max_element(means.begin(), means.end()) - means.begin());
+    return QStringLiteral("%1x%2 q%3").arg(m.cols).arg(m.rows).arg(std::max_element(means.begin(), means.end()) - means.begin());
 }
 
 // A TIFF file as {width, height, x dpi, y dpi, JPEG-compressed}; empty unless its pixels decode too.
@@ -71,14 +71,11 @@ private slots:
     {
         Trace trace;
         QVERIFY(bStartPlay(0));
-        QImage previous;
-        for (int i = 0; i < 4; ++i) {
-            QImage frame;
+        QImage previous, frame;
+        for (int i = 0; i < 4; ++i, previous = frame) {
             QVERIFY(getVideoFrame(frame));
             QCOMPARE(frame.size(), QSize(640, 480));
-            // Each frame carries its counter, so a frame handed over twice would compare equal.
-            QVERIFY(frame != previous);
-            previous = frame;
+            QVERIFY(frame != previous);   // each frame carries its counter: one handed over twice would compare equal
         }
         QVERIFY(bStopPlay());
         cv::Mat mat;
@@ -93,19 +90,12 @@ private slots:
         for (const char* n : {"1", "3", "4", "5", "6", "8", "9"})
             sources += QStringLiteral(R"(,"%1":{"type":"synthetic","width":320,"height":240})").arg(n);
         useProfile(R"({"camera":{"sources":{)" + sources + "}}}");
-        for (auto start : {bStartPlay, bStartPlay2, bStartPlay3, bStartPlay5, bStartPlay6, bStartPlay8, bStartPlay9}) {
-            QVERIFY(start(0));
-            cv::Mat m;
-            QVERIFY(getVideoFrameMat(m));
-        }
-        QVERIFY(bStartPlayOpen());
-        cv::Mat both;
-        QVERIFY(getVideoFrameMat(both));
-        // Camera 2 (160 x 120) is scaled to camera 1's height beside it.
-        QCOMPARE(QSize(both.cols, both.rows), QSize(320 + 320, 240));
-        QVERIFY(bStartPlay4());
-        QVERIFY(bStopPlay());
-        QVERIFY(bStopPlay4());
+        cv::Mat m;
+        for (auto start : {bStartPlay, bStartPlay2, bStartPlay3, bStartPlay5, bStartPlay6, bStartPlay8, bStartPlay9})
+            QVERIFY(start(0) && getVideoFrameMat(m));
+        QVERIFY(bStartPlayOpen() && getVideoFrameMat(m));
+        QCOMPARE(QSize(m.cols, m.rows), QSize(320 + 320, 240));   // camera 2 (160 x 120) scaled to camera 1's height beside it
+        QVERIFY(bStartPlay4() && bStopPlay() && bStopPlay4());
     }
 
     void previewFrameSize_data()
@@ -158,16 +148,13 @@ private slots:
         useProfile(QStringLiteral(R"({"camera":{"sources":{"1":{"type":"file","path":"%1","fps":30}}}})").arg(dir.filePath("card." + ext)));
         QVERIFY(bStartPlay(rotate));   // the start's argument sets the rotation
         vSetFlip(static_cast<short>(flip));
-        const QSize expected = rotate % 180 ? QSize(60, 100) : QSize(100, 60);
+        const QString expected = QStringLiteral("%1 q%2").arg(rotate % 180 ? "60x100" : "100x60").arg(quadrant);
         QImage frame;
-        QVERIFY(getVideoFrame(frame));
-        frame = frame.convertToFormat(QImage::Format_RGB32);
-        QCOMPARE(frame.size(), expected);
-        QCOMPARE(brightQuadrant(cv::Mat(frame.height(), frame.width(), CV_8UC4, frame.bits(), size_t(frame.bytesPerLine()))), quadrant);
         cv::Mat mat;
-        QVERIFY(getVideoFrameMat(mat));
-        QCOMPARE(QSize(mat.cols, mat.rows), expected);
-        QCOMPARE(brightQuadrant(mat), quadrant);
+        QVERIFY(getVideoFrame(frame) && getVideoFrameMat(mat));
+        frame = frame.convertToFormat(QImage::Format_RGB32);
+        QCOMPARE(sizeAndBrightQuadrant(cv::Mat(frame.height(), frame.width(), CV_8UC4, frame.bits(), size_t(frame.bytesPerLine()))), expected);
+        QCOMPARE(sizeAndBrightQuadrant(mat), expected);
     }
 
     void resolution()
@@ -179,7 +166,6 @@ private slots:
         QCOMPARE(sizes.front(), std::make_pair(1280.0, 960.0));
         const auto vga = std::find(sizes.begin(), sizes.end(), std::make_pair(640.0, 480.0));
         QVERIFY(vga != sizes.end());
-
         QVERIFY(bStartPlay(0));
         QCOMPARE(iGetResolutionX(1), 1280);
         vSetResolutionEx(1, static_cast<int>(vga - sizes.begin()));
@@ -188,12 +174,10 @@ private slots:
         cv::Mat m;
         QVERIFY(getVideoFrameMat(m));
         QCOMPARE(m.cols, 640);
-
         setResolution(1, 800, 600);
         QImage frame;
         QVERIFY(getVideoFrame(frame));
         QCOMPARE(frame.size(), QSize(800, 600));
-
         vSetResolutionEx(1, 99);   // no such index: size kept
         QCOMPARE(iGetResolutionX(1), 800);
         // A camera that is not open reports the size it would open with.
@@ -208,14 +192,9 @@ private slots:
         QVERIFY(bStartPlay(0));
         cv::Mat before;
         QVERIFY(getVideoFrameMat(before));
-        QVERIFY(vSetBrightness(-60));
-        QVERIFY(!vSetBrightness(500));
-        QVERIFY(vSetContrast(32));
-        QVERIFY(vSetExposure(156));
-        QVERIFY(AutoFocus());
+        QVERIFY(vSetBrightness(-60) && !vSetBrightness(500) && vSetContrast(32) && vSetExposure(156) && AutoFocus());
         QImage skip;
-        QVERIFY(getVideoFrame(skip));   // a frame made after the change
-        QVERIFY(getVideoFrame(skip));
+        QVERIFY(getVideoFrame(skip) && getVideoFrame(skip));   // then a frame made after the change
         cv::Mat after;
         QVERIFY(getVideoFrameMat(after));
         QVERIFY(cv::mean(after)[0] < cv::mean(before)[0] - 50);
@@ -288,7 +267,6 @@ private slots:
         if (!area.isNull())
             QVERIFY(bSetImageArea(area.left(), area.top(), area.left() + area.width(), area.top() + area.height()));
         const QSize size = area.isNull() ? QSize(640, 480) : area.size();
-
         const QMap<QString, std::pair<bool (*)(const char*, const char*), QString>> savers{
             {"jpg", {bSaveJPG, "scan.jpg"}}, {"gray", {bSaveGray, "scan.jpg"}}, {"png", {bSavePNG, "scan.png"}},
             {"bmp", {bSaveBMP, "scan.bmp"}}, {"tif", {bSaveTIF, "scan.tif"}}, {"tifjpg", {bSaveTifJPG, "scan.tif"}},
@@ -332,10 +310,7 @@ private slots:
         if (open)
             QVERIFY(bStartPlay(0));
         const QByteArray d = dir.filePath(folder).toUtf8();
-        QVERIFY(!bSaveJPG(d, "x"));
-        QVERIFY(!bSavePNG(d, "x"));
-        QVERIFY(!bSaveTIF(d, "x"));
-        QVERIFY(!bSaveGrayAndTIF(d, "x", d, "y"));
+        QVERIFY(!bSaveJPG(d, "x") && !bSavePNG(d, "x") && !bSaveTIF(d, "x") && !bSaveGrayAndTIF(d, "x", d, "y"));
         QVERIFY(!QFile::exists(QDir(QString::fromUtf8(d)).filePath("x.jpg")));
     }
 
@@ -375,9 +350,7 @@ private slots:
         QVERIFY(jpeg.startsWith("\xff\xd8"));
         const QImage img = QImage::fromData(jpeg, "JPG");
         QCOMPARE(img.size(), QSize(640, 480));
-        const QByteArray tiny = QByteArray::fromBase64(sGetImageBase64_Byte(1));
-        const QByteArray fine = QByteArray::fromBase64(sGetImageBase64_Byte(100));
-        QVERIFY(tiny.size() < fine.size());
+        QVERIFY(QByteArray::fromBase64(sGetImageBase64_Byte(1)).size() < QByteArray::fromBase64(sGetImageBase64_Byte(100)).size());
     }
 
     void badSourceKeyIsLoggedAndDefaulted()
@@ -411,10 +384,8 @@ private slots:
             vSetRotate(static_cast<short>(90 * i));
             setResolution(1, i % 2 ? 320 : 640, i % 2 ? 240 : 480);
             QVERIFY(bSaveJPG(dir.path().toUtf8(), QByteArray::number(i)));
-            if (i == 3) {
-                QVERIFY(bStopPlay());
-                QVERIFY(bStartPlay(0));
-            }
+            if (i == 3)
+                QVERIFY(bStopPlay() && bStartPlay(0));
         }
         QTRY_VERIFY(frames > 0);
         QCOMPARE(QDir(dir.path()).entryList(QDir::Files).size(), 6);
