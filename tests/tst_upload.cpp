@@ -19,7 +19,6 @@
 #include <QTimer>
 
 #include <atomic>
-#include <cstring>
 
 namespace {
 
@@ -69,25 +68,15 @@ public:
         start();
         m_ready.acquire();
     }
-    ~Receiver() override
-    {
-        m_stop = true;
-        wait();
-    }
+    ~Receiver() override { m_stop = true; wait(); }
     QString url() const { return QStringLiteral("%1://127.0.0.1:%2/up").arg(m_certDir.isEmpty() ? "http" : "https").arg(m_port); }
-    QList<QByteArray> requests() const
-    {
-        QMutexLocker lock(&m_mutex);
-        return m_requests;
-    }
+    QList<QByteArray> requests() const { QMutexLocker lock(&m_mutex); return m_requests; }
     std::atomic<bool> hold{false};
-
 private:
     struct Server : QTcpServer {
         void incomingConnection(qintptr fd) override { next = fd; }
         qintptr next = -1;
     };
-
     void run() override
     {
         Server server;
@@ -106,18 +95,12 @@ private:
             }
             QByteArray in;
             auto live = [&] { return !m_stop && s.state() == QAbstractSocket::ConnectedState; };
-            for (int end = -1; end < 0 || in.size() < end + 4 + headerOf(in, "Content-Length").toInt(); end = in.indexOf("\r\n\r\n")) {
-                if (!live())
-                    break;
+            auto whole = [&] { return in.contains("\r\n\r\n") && in.size() >= in.indexOf("\r\n\r\n") + 4 + headerOf(in, "Content-Length").toInt(); };
+            for (; live() && !whole(); in += s.readAll())
                 s.waitForReadyRead(20);
-                in += s.readAll();
-            }
             if (!live())
                 continue;
-            {
-                QMutexLocker lock(&m_mutex);
-                m_requests << in;
-            }
+            { QMutexLocker lock(&m_mutex); m_requests << in; }
             while (live() && (hold || m_answer.isEmpty()))
                 s.waitForDisconnected(20);
             if (live())
@@ -127,9 +110,8 @@ private:
             s.disconnectFromHost();
         }
     }
-
     QString m_certDir;
-    QByteArray m_answer;
+    QByteArray m_answer;   // empty: it never answers
     quint16 m_port = 0;
     std::atomic<bool> m_stop{false};
     QSemaphore m_ready;
@@ -171,14 +153,12 @@ class TestUpload : public QObject {
     const QString m_tls = m_dir.filePath("tls");
     QStringList m_seen;                 // the dialogs and result boxes shown, as the clerk saw them
     std::function<void()> m_onDialog;   // what the clerk does when a progress dialog shows
-
     QString file(const QString& name)
     {
         writeFile(m_dir.filePath(name), kImage);
         return m_dir.filePath(name);
     }
     QString send(const QString& command) { return runCommand(run, m_page, command, 15000); }
-
     // Plays the clerk: notes each dialog as it shows, and answers each result box.
     bool eventFilter(QObject* o, QEvent* e) override
     {
@@ -186,18 +166,16 @@ class TestUpload : public QObject {
         auto* dialog = qobject_cast<QDialog*>(o);
         const auto onTop = Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint;
         if (e->type() == QEvent::Show && box) {
-            const bool flags = box->windowType() == Qt::Dialog && box->windowFlags().testFlag(Qt::WindowStaysOnTopHint);
-            m_seen << QStringLiteral("box %1|%2|%3|%4").arg(box->windowTitle(), box->text()).arg(box->icon()).arg(flags && box->isModal());
+            const bool onTopModal = box->windowType() == Qt::Dialog && box->windowFlags().testFlag(Qt::WindowStaysOnTopHint) && box->isModal();
+            m_seen << QStringLiteral("box %1|%2|%3|%4").arg(box->windowTitle(), box->text()).arg(box->icon()).arg(onTopModal);
             QTimer::singleShot(0, box, [box] { box->done(QMessageBox::Ok); });
         } else if (e->type() == QEvent::Show && dialog && dialog->findChild<QLabel*>()) {
-            const bool flags = (dialog->windowFlags() & onTop) == onTop && dialog->isModal();
-            m_seen << QStringLiteral("dialog %1|%2").arg(dialog->findChild<QLabel*>()->text()).arg(flags);
+            m_seen << QStringLiteral("dialog %1|%2").arg(dialog->findChild<QLabel*>()->text()).arg((dialog->windowFlags() & onTop) == onTop && dialog->isModal());
             if (m_onDialog)
                 m_onDialog();
         }
         return false;
     }
-
 private slots:
     void initTestCase()
     {
@@ -210,16 +188,13 @@ private slots:
         QVERIFY(openssl.waitForFinished(60000) && openssl.exitCode() == 0);
         qApp->installEventFilter(this);
     }
-
     void init()
     {
         portable::loadProfileText(QByteArray());
         m_page.makeCurrent();
         m_seen.clear();
     }
-
     void cleanup() { m_onDialog = nullptr; }
-
     void argumentRules_data()
     {
         QTest::addColumn<QString>("command");
@@ -239,13 +214,10 @@ private slots:
         QTest::newRow("seconds not a number") << "bUpLoadImage(u,f,x,)" << R"(bUpLoadImage["u","f",0,""])" << "BeginbUpLoadImagetrueEndbUpLoadImage" << QStringList();
         QTest::newRow("Ex5 switch TRUE reads 0") << ex5.arg("TRUE,tok,,0,") << R"(sUpLoadImageEx5["u","f",5,"k=v","tok","","<out>"])" << body << QStringList();
         QTest::newRow("Ex5 switch 1, dialog TRUE") << ex5.arg("1,tok,pic,TRUE,0") << R"(sUpLoadImageEx5["u","f",5,"k=v","","pic","<out>"])" << body << QStringList{kDialog};
-        QTest::newRow("Ex5 both shown") << ex5.arg("0,,,xtruex,1") << R"(sUpLoadImageEx5["u","f",5,"k=v","","","<out>"])" << body
-                                        << QStringList{kDialog, "box 提示信息|   上传成功!     |0|1"};
+        QTest::newRow("Ex5 both shown") << ex5.arg("0,,,xtruex,1") << R"(sUpLoadImageEx5["u","f",5,"k=v","","","<out>"])" << body << QStringList{kDialog, "box 提示信息|   上传成功!     |0|1"};
         QTest::newRow("Ex5 eight parts") << ex5.arg("0,t,n,1") << "" << "BeginsUpLoadImageEx5falseEndsUpLoadImageEx5" << QStringList{kDialog};
-        QTest::newRow("Ex5 failure box") << "sUpLoadImageEx5(,,,,,,,0,True)" << R"(sUpLoadImageEx5["","",0,"","","","<out>"])" << body
-                                         << QStringList{"box 提示信息|   上传失败!     |0|1"};
+        QTest::newRow("Ex5 failure box") << "sUpLoadImageEx5(,,,,,,,0,True)" << R"(sUpLoadImageEx5["","",0,"","","","<out>"])" << body << QStringList{"box 提示信息|   上传失败!     |0|1"};
     }
-
     void argumentRules()
     {
         QFETCH(QString, command);
@@ -264,30 +236,21 @@ private slots:
             calls << c["fn"].toString() + QJsonDocument(c["args"].toArray()).toJson(QJsonDocument::Compact);
         QCOMPARE(calls, call.isEmpty() ? QStringList() : QStringList{call});
     }
-
     void uploads_data()
     {
         QTest::addColumn<Upload>("row");
         const QByteArray e500 = "500 Internal Server Error", big(50 << 20, 'b'), jpg = filePart("file", "a.jpg", "image/jpeg");
         const QString noText = "BeginsUpLoadImageEx2EndsUpLoadImageEx2", noBool = "BeginbUpLoadImagefalseEndbUpLoadImage";
         const QString none = "BeginsUpLoadImageEndsUpLoadImage", secure = "BeginsUpLoadImagesecureEndsUpLoadImage";
-        QTest::newRow("fields decoded, in order") << Upload{"sUpLoadImage({url},{file},a=1&b=%E4%B8%AD+x%26&&c&=z&d=%zz%41,photo,0)", "scan 1.JPG", "200 OK", QByteArray("stored:42\0junk", 14),
-            "BeginsUpLoadImagestored:42EndsUpLoadImage", {"a=1", "b=中+x&", "c=", "d=%zzA", filePart("photo", "scan 1.JPG", "image/jpeg")}, "status 200"};
-        QTest::newRow("removed after a 2xx") << Upload{"sUpLoadImage({url},{file},,,1)", "x.png", "201 Created", "ok", "BeginsUpLoadImageokEndsUpLoadImage",
-            {filePart("file", "x.png", "image/png")}, "status 201", true};
-        QTest::newRow("kept after a 500") << Upload{"sUpLoadImage({url},{file},,,1)", "x.bmp", e500, "disk full", "BeginsUpLoadImagedisk fullEndsUpLoadImage",
-            {filePart("file", "x.bmp", "image/bmp")}, "status 500"};
-        QTest::newRow("Ex2, 500 body") << Upload{"sUpLoadImageEx2({url},{file},5,k=v)", "a.pdf", e500, "no", "BeginsUpLoadImageEx2noEndsUpLoadImageEx2",
-            {"k=v", filePart("file", "a.pdf", "application/pdf")}, "status 500"};
+        QTest::newRow("fields decoded, in order") << Upload{"sUpLoadImage({url},{file},a=1&b=%E4%B8%AD+x%26&&c&=z&d=%zz%41,photo,0)", "scan 1.JPG", "200 OK", QByteArray("stored:42\0junk", 14), "BeginsUpLoadImagestored:42EndsUpLoadImage", {"a=1", "b=中+x&", "c=", "d=%zzA", filePart("photo", "scan 1.JPG", "image/jpeg")}, "status 200"};
+        QTest::newRow("removed after a 2xx") << Upload{"sUpLoadImage({url},{file},,,1)", "x.png", "201 Created", "ok", "BeginsUpLoadImageokEndsUpLoadImage", {filePart("file", "x.png", "image/png")}, "status 201", true};
+        QTest::newRow("kept after a 500") << Upload{"sUpLoadImage({url},{file},,,1)", "x.bmp", e500, "disk full", "BeginsUpLoadImagedisk fullEndsUpLoadImage", {filePart("file", "x.bmp", "image/bmp")}, "status 500"};
+        QTest::newRow("Ex2, 500 body") << Upload{"sUpLoadImageEx2({url},{file},5,k=v)", "a.pdf", e500, "no", "BeginsUpLoadImageEx2noEndsUpLoadImageEx2", {"k=v", filePart("file", "a.pdf", "application/pdf")}, "status 500"};
         QTest::newRow("bool, 500") << Upload{"bUpLoadImage({url},{file},5,)", "a.tiff", e500, "", noBool, {filePart("file", "a.tiff", "image/tiff")}, "status 500"};
-        QTest::newRow("bool, 204") << Upload{"bUpLoadImage({url},{file},0,)", "a.raw", "204 No Content", "", "BeginbUpLoadImagetrueEndbUpLoadImage",
-            {filePart("file", "a.raw", "application/octet-stream")}, "status 204"};
-        QTest::newRow("Ex5 token") << Upload{"sUpLoadImageEx5({url},{file},5,k=v,0,tk,img,0,0)", "b.jpeg", "200 OK", "{\"id\":7}", "BeginsUpLoadImageEx5{\"id\":7}EndsUpLoadImageEx5",
-            {"Authorization: Bearer tk", "k=v", filePart("img", "b.jpeg", "image/jpeg")}, "status 200"};
-        QTest::newRow("Ex5 no token") << Upload{"sUpLoadImageEx5({url},{file},5,,1,tk,,0,0)", "b.tif", "200 OK", "ok", "BeginsUpLoadImageEx5okEndsUpLoadImageEx5",
-            {filePart("file", "b.tif", "image/tiff")}, "status 200"};
-        QTest::newRow("long URL, big answer") << Upload{"sUpLoadImageEx2({url}" + QString(99970, 'u') + ",{file},5,)", "a.jpg", e500, big,
-            "BeginsUpLoadImageEx2" + QString(8 << 20, 'b') + "EndsUpLoadImageEx2", {jpg}, "longer than 8388608 bytes"};
+        QTest::newRow("bool, 204") << Upload{"bUpLoadImage({url},{file},0,)", "a.raw", "204 No Content", "", "BeginbUpLoadImagetrueEndbUpLoadImage", {filePart("file", "a.raw", "application/octet-stream")}, "status 204"};
+        QTest::newRow("Ex5 token") << Upload{"sUpLoadImageEx5({url},{file},5,k=v,0,tk,img,0,0)", "b.jpeg", "200 OK", "{\"id\":7}", "BeginsUpLoadImageEx5{\"id\":7}EndsUpLoadImageEx5", {"Authorization: Bearer tk", "k=v", filePart("img", "b.jpeg", "image/jpeg")}, "status 200"};
+        QTest::newRow("Ex5 no token") << Upload{"sUpLoadImageEx5({url},{file},5,,1,tk,,0,0)", "b.tif", "200 OK", "ok", "BeginsUpLoadImageEx5okEndsUpLoadImageEx5", {filePart("file", "b.tif", "image/tiff")}, "status 200"};
+        QTest::newRow("long URL, big answer") << Upload{"sUpLoadImageEx2({url}" + QString(99970, 'u') + ",{file},5,)", "a.jpg", e500, big, "BeginsUpLoadImageEx2" + QString(8 << 20, 'b') + "EndsUpLoadImageEx2", {jpg}, "longer than 8388608 bytes"};
         QTest::newRow("big answer, bool") << Upload{"bUpLoadImage({url},{file},5,)", "a.jpg", "200 OK", big, "BeginbUpLoadImagetrueEndbUpLoadImage", {jpg}, "longer than 8388608 bytes"};
         QTest::newRow("file URL") << Upload{"sUpLoadImageEx2(file://{file},{file},5,)", "a.jpg", "200 OK", "x", noText, {}, "only http and https"};
         QTest::newRow("ftp URL") << Upload{"bUpLoadImage(ftp://127.0.0.1/x,{file},5,)", "a.jpg", "200 OK", "x", noBool, {}, "only http and https"};
@@ -299,10 +262,8 @@ private slots:
         QTest::newRow("https, own CA") << Upload{"sUpLoadImage({url},{file})", "a.jpg", "200 OK", "secure", secure, {jpg}, "status 200", false, R"({"upload": {"caFile": "{tls}/cert.pem"}})", true};
         QTest::newRow("https, unknown certificate") << Upload{"sUpLoadImage({url},{file})", "a.jpg", "200 OK", "secure", none, {}, "certificate", false, "", true};
         QTest::newRow("https, verify off") << Upload{"sUpLoadImage({url},{file})", "a.jpg", "200 OK", "secure", secure, {jpg}, "upload.verify is false", false, R"({"upload": {"verify": false}})", true};
-        QTest::newRow("https, bad key type") << Upload{"sUpLoadImage({url},{file})", "a.jpg", "200 OK", "secure", none, {}, "key \"upload.verify\" has the wrong type", false,
-            R"({"upload": {"verify": "no"}})", true};
+        QTest::newRow("https, bad key type") << Upload{"sUpLoadImage({url},{file})", "a.jpg", "200 OK", "secure", none, {}, "key \"upload.verify\" has the wrong type", false, R"({"upload": {"verify": "no"}})", true};
     }
-
     void uploads()
     {
         QFETCH(Upload, row);
@@ -324,7 +285,6 @@ private slots:
         QVERIFY2(log.contains(row.log), qPrintable(log.lines().join('\n')));
         QCOMPARE(QFile::exists(path), !row.removed);
     }
-
     void ex5ServesOtherPagesMeanwhile()
     {
         // Pages reach the dispatcher as through the transport: the sender becomes the current page.
@@ -351,7 +311,6 @@ private slots:
         QCOMPARE(a.got, QStringList());
         QCOMPARE(log.lines(), (QStringList{"upload: progress dialog shown", "upload: progress dialog closed", "upload: result box:    上传成功!     "}));
     }
-
     void httpReplySlot()
     {
         run.http_reply_slot(0, "late");
