@@ -55,12 +55,11 @@ QList<QByteArray> seenIn(const QByteArray& request)
 // time; each request gets the answer once hold is off. With a certificate folder it speaks TLS.
 class Receiver : public QThread {
 public:
-    Receiver(const QString& certDir, const QByteArray& status, const QByteArray& body) : m_certDir(certDir)
+    Receiver(const QString& certDir, const QByteArray& status, const QByteArray& body)
+        : m_certDir(certDir), m_answer(status.isEmpty() ? QByteArray() : "HTTP/1.1 " + status + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body)
     {
-        if (!status.isEmpty())
-            m_answer = "HTTP/1.1 " + status + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
         start();
-        while (!m_port)
+        while (m_port < 0)
             QThread::yieldCurrentThread();
     }
     ~Receiver() override { m_stop = true; wait(); }
@@ -75,8 +74,7 @@ private:
     void run() override
     {
         Server server;
-        server.listen(QHostAddress::LocalHost);
-        m_port = server.serverPort();
+        m_port = server.listen(QHostAddress::LocalHost) ? server.serverPort() : 0;   // 0: the uploads fail
         while (!m_stop) {
             if (!server.waitForNewConnection(20) || server.next < 0)
                 continue;
@@ -106,7 +104,7 @@ private:
     }
     QString m_certDir;
     QByteArray m_answer;   // empty: it never answers
-    std::atomic<quint16> m_port{0};
+    std::atomic<int> m_port{-1};
     std::atomic<bool> m_stop{false};
     mutable QMutex m_mutex;
     QList<QByteArray> m_requests;
@@ -170,12 +168,7 @@ private slots:
         QVERIFY(openssl.waitForFinished(60000) && openssl.exitCode() == 0);
         qApp->installEventFilter(this);
     }
-    void init()
-    {
-        portable::loadProfileText(QByteArray());
-        m_page.makeCurrent();
-        m_seen.clear();
-    }
+    void init() { portable::loadProfileText(QByteArray()); m_page.makeCurrent(); m_seen.clear(); }
     void cleanup() { m_onDialog = [] {}; }
     void argumentRules_data()
     {
