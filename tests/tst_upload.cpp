@@ -147,8 +147,7 @@ class TestUpload : public QObject {
         auto* dialog = qobject_cast<QDialog*>(o);
         const auto onTop = Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint;
         if (e->type() == QEvent::Show && box) {
-            m_seen << QStringLiteral("box %1|%2|%3|%4").arg(box->windowTitle(), box->text()).arg(box->icon())
-                          .arg(box->windowType() == Qt::Dialog && box->windowFlags().testFlag(Qt::WindowStaysOnTopHint) && box->isModal());
+            m_seen << QStringLiteral("box %1|%2|%3|%4").arg(box->windowTitle(), box->text()).arg(box->icon()).arg(box->windowType() == Qt::Dialog && box->windowFlags().testFlag(Qt::WindowStaysOnTopHint) && box->isModal());
             QTimer::singleShot(0, box, [box] { box->done(QMessageBox::Ok); });
         } else if (e->type() == QEvent::Show && dialog && dialog->findChild<QLabel*>()) {
             m_seen << QStringLiteral("dialog %1|%2").arg(dialog->findChild<QLabel*>()->text()).arg((dialog->windowFlags() & onTop) == onTop && dialog->isModal());
