@@ -181,7 +181,7 @@ private slots:
         QTest::newRow("flag 2") << s.arg("a,b,c,d,2") << R"(sUpLoadImage["a","b","c",true,"d"])" << ok << QStringList();
         QTest::newRow("int flag TRUE is off") << s.arg("a,b,c,d,TRUE") << R"(sUpLoadImage["a","b","c",false,"d"])" << ok << QStringList();
         QTest::newRow("one part") << s.arg("a") << "" << "BeginsUpLoadImagefalseEndsUpLoadImage" << QStringList();
-        QTest::newRow("Ex6 drops part 6") << "sUpLoadImageEx6(a,b,c,d,1,e)" << R"(sUpLoadImage["a","b","c",true,"d"])" << "BeginsUpLoadImageEx6okEndsUpLoadImageEx6" << QStringList();
+        QTest::newRow("Ex6 drops the sixth argument") << "sUpLoadImageEx6(a,b,c,d,1,e)" << R"(sUpLoadImage["a","b","c",true,"d"])" << "BeginsUpLoadImageEx6okEndsUpLoadImageEx6" << QStringList();
         QTest::newRow("Ex2") << "sUpLoadImageEx2(u,f,7,k=v)" << R"(sUpLoadImageEx2["u","f",7,"k=v"])" << "BeginsUpLoadImageEx2okEndsUpLoadImageEx2" << QStringList();
         QTest::newRow("Ex2 three parts") << "sUpLoadImageEx2(u,f,7)" << "" << "BeginsUpLoadImageEx2falseEndsUpLoadImageEx2" << QStringList();
         QTest::newRow("bUpLoadImage three parts") << "bUpLoadImage(a,b,c)" << "" << "BeginbUpLoadImagefalseEndbUpLoadImage" << QStringList();
