@@ -13,17 +13,11 @@ namespace {
 
 using Access = CaptureImgThreadTestAccess;
 CaptureImgThread* capture() { return CaptureImgThread::instance(); }
-template <typename... T> void columns(std::initializer_list<const char*> names)
-{
-    auto n = names.begin();
-    (QTest::addColumn<T>(*n++), ...);
-}
+template <typename... T> void columns(std::initializer_list<const char*> n) { auto i = n.begin(); (QTest::addColumn<T>(*i++), ...); }
 // "ttf" -> [true, true, false]
 QJsonArray bools(const QString& tf) { QJsonArray a; for (QChar c : tf) a.append(c == 't'); return a; }
-QString startFn(int code)   // the library's start function of a camera code
-{
-    return code == 1 || code == 11 ? "bStartPlay" : code == 25 ? "bStartPlayOpen" : "bStartPlay" + QString::number(code);
-}
+// The library's start function of a camera code.
+QString startFn(int code) { return code == 1 || code == 11 ? "bStartPlay" : code == 25 ? "bStartPlayOpen" : "bStartPlay" + QString::number(code); }
 QByteArray reply(const QString& fn, bool ok) { return QStringLiteral("Begin%1%2End%1").arg(fn, ok ? "true" : "false").toLatin1(); }
 
 // The start and stop calls of a trace with their first argument, e.g. "bStartPlay5(90)".
@@ -120,7 +114,6 @@ private slots:
         capture()->setPause(false);
         QCOMPARE(nextReply(), reply("bStartPlay", true));
         QCOMPARE(nextReply(), reply("bStopPlay", true));
-
         Access::setDelays(600000, 600000, 10, 30);
         portable::setScript("bStartPlay", bools("fff"));
         Trace trace;
@@ -134,7 +127,6 @@ private slots:
         QCOMPARE(nextReply(), reply("bStartPlay", false));
         QCOMPARE(run(0), reply("bStopPlay", true));   // the queued two are gone
         QCOMPARE(cameraCalls(trace), (QStringList{"bStartPlay(0)", "bStopPlay", "bStopPlay"}));
-
         QVERIFY(open(1).contains("true") && firstFrame());   // an open camera: no stop, no reply, no frames
         Trace silent;
         capture()->silenceClose();
@@ -172,9 +164,8 @@ private slots:
         QVERIFY(m_replies.isEmpty() && (preview || m_frames.isEmpty()));
         QCOMPARE(Access::currentCamera(), 1);
     }
-    // Steps, comma-separated: "size W H", "in", "out", "factor P", "original", and "frame W H": a camera
-    // delivering W x H opens and pushes a frame. The cap is the larger of the last frame's
-    // dimension and 4096. pushed: the size of the frame pushed (a null size: not checked).
+    // Steps: "size W H", "in", "out", "factor P", "original", "frame W H" (a W x H camera opens and pushes a
+    // frame). The cap is the larger of the last frame's dimension and 4096. pushed: null is not checked.
     void previewSize_data()
     {
         columns<QString, QSize, QSize>({"steps", "size", "pushed"});
