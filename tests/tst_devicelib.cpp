@@ -28,14 +28,12 @@ QString serial()
     std::free(s);
     return r;
 }
-
 QString version()
 {
     char buffer[256] = {};
     doccameraVeriosn(buffer, sizeof buffer);
     return QString::fromUtf8(buffer);
 }
-
 // A stand-in entry point with output parameters, the way camera functions use them; a second
 // trace line shows what the caller got.
 QStringList fakeWithOuts()
@@ -46,25 +44,16 @@ QStringList fakeWithOuts()
     traced<void>("got", {a, b, r}, [] {});
     return {};
 }
-
 QString flag(bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); }
 // What the library answers: the serial, the social-security module, the version.
 QStringList answers() { return {serial(), flag(GetDeviceStatus_dc()), version()}; }
 
-Call afterProfile(const QByteArray& json, const QString& source)
-{
-    return [=] {
-        loadProfileText(json, source);
-        return answers();
-    };
-}
+Call afterProfile(const QByteArray& json, const QString& source) { return [=] { loadProfileText(json, source); return answers(); }; }
 
 }  // namespace
 
 class TestDeviceLib : public QObject {
     Q_OBJECT
-
-private:
     QTemporaryDir m_dir;
     QString tracePath() const { return m_dir.filePath(QStringLiteral("trace.jsonl")); }
     QByteArrayList traceLines() const
@@ -75,11 +64,7 @@ private:
     }
 
 private slots:
-    void initTestCase()
-    {
-        qunsetenv("DEVICE_TRACE_FRAMES");
-        QVERIFY(m_dir.isValid());
-    }
+    void initTestCase() { qunsetenv("DEVICE_TRACE_FRAMES"); QVERIFY(m_dir.isValid()); }
     // Each row traces to a fresh file.
     void init()
     {
@@ -88,7 +73,6 @@ private slots:
         setTraceFile(tracePath());
     }
     void cleanup() { setTraceFile(QString()); }
-
     // A profile is laid over the defaults key by key; a broken one is logged once (naming the
     // file and the key) and keeps the defaults for what is broken. Scripted results are used one
     // per call; "run" and a used-up list mean the real work; a wrong entry is logged and runs it.
@@ -147,7 +131,6 @@ private slots:
         wrong("outs of the wrong shape", "doccameraVeriosn", QJsonObject{{"out", QJsonArray{1}}});
         wrong("ret missing", "GetDeviceStatus_dc", QJsonObject{{"out", QJsonArray{}}});
     }
-
     void profileAndScripts()
     {
         QFETCH(Call, call);
@@ -176,8 +159,7 @@ private slots:
         QTest::newRow("quotes and controls") << one([] { bFileIsExist("a\"b\\c\nd\x01"); })
                                              << QByteArrayList{"{\"fn\":\"bFileIsExist\",\"args\":[\"a\\\"b\\\\c\\nd\\u0001\"],\"ret\":false}"};
         QTest::newRow("null pointer") << one([] { bFileIsExist(nullptr); }) << QByteArrayList{R"({"fn":"bFileIsExist","args":[null],"ret":false})"};
-        QTest::newRow("64-bit exact")
-            << one([] { traced<long long>("fakeBig", {9007199254740993LL, -9223372036854775807LL}, [] { return 9007199254740993LL; }); })
+        QTest::newRow("64-bit exact") << one([] { traced<long long>("fakeBig", {9007199254740993LL, -9223372036854775807LL}, [] { return 9007199254740993LL; }); })
             << QByteArrayList{R"({"fn":"fakeBig","args":[9007199254740993,-9223372036854775807],"ret":9007199254740993})"};
         static int target = 0;
         QTest::newRow("void, booleans, fn") << one([] { traced<void>("fakeVoid", {true, false, FnArg{&target}, FnArg{nullptr}}, [] {}); }) << QByteArrayList{R"({"fn":"fakeVoid","args":[true,false,"<fn>",null]})"};
@@ -198,7 +180,6 @@ private slots:
         QTest::newRow("frame fetches left out") << one([] { traced<bool>("getVideoFrameMat", {}, [] { return true; }); traced<bool>("bStopPlay", {}, [] { return true; }); }) << QByteArrayList{R"({"fn":"bStopPlay","args":[],"ret":true})"};
         QTest::newRow("no file, no lines") << one([] { setTraceFile(QString()); bFileIsExist("/x"); }) << QByteArrayList();
     }
-
     void traceFormat()
     {
         QFETCH(Call, call);
