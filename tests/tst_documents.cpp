@@ -207,7 +207,7 @@ private slots:
         QFETCH(QStringList, steps);
         QFETCH(QStringList, files);
         QVERIFY(QDir(D).mkdir("sub"));
-        QVERIFY(writeFile(D + "/bad.jpg", QByteArray("\xff\xd8\xff\xe0 not really a JPEG", 24)));
+        QVERIFY(writeFile(D + "/bad.jpg", QByteArray("\xff\xd8\xff\xe0 not really a JPEG")));
         camera("page.jpg", textPage(400, 8000));   // a tall page: three of them would pass 20000 pixels in one column
         for (const QString& step : steps) {
             if (step == "!rmdir")

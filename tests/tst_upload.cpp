@@ -264,6 +264,7 @@ private slots:
         QVERIFY(server.listen(QHostAddress::LocalHost));
         connect(&server, &QWebSocketServer::newConnection, this, [&] {
             QWebSocket* s = server.nextPendingConnection();
+            s->setParent(&server);   // the server's pages go with it
             connect(s, &QWebSocket::textMessageReceived, s, [this, s](const QString& m) { gpWebSocket = s; run.recv_msg(m, s); });
         });
         Page a, b;
