@@ -16,7 +16,6 @@
 #include <QNetworkInterface>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpSocket>
 #include <QTest>
 #include <QThread>
 #include <QWebSocket>
@@ -29,7 +28,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 
 namespace {
@@ -50,11 +48,7 @@ public:
         const int before = mgr.clientCount();
         return Page::open(mgr.serverPort()) && waitFor([&] { return mgr.clientCount() > before; });
     }
-    QString command(const QString& text)
-    {
-        ws.sendTextMessage(text);
-        return next();
-    }
+    QString command(const QString& text) { ws.sendTextMessage(text); return next(); }
     // A command answered: the page is the current client from then on.
     bool ask() { return isFramedReplyOf(command(QStringLiteral("getVersion()")), QStringLiteral("getVersion")); }
     bool isCurrent() const { return gpWebSocket && gpWebSocket->peerPort() == ws.localPort(); }
@@ -71,9 +65,7 @@ public:
     int open(const QHostAddress& to, quint16 port, const QByteArray& extraHeaders = QByteArray(),
              const QByteArray& host = QByteArray())
     {
-        addrinfo hints{};
-        hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-        hints.ai_socktype = SOCK_STREAM;
+        const addrinfo hints{AI_NUMERICHOST | AI_NUMERICSERV, AF_UNSPEC, SOCK_STREAM, 0, 0, nullptr, nullptr, nullptr};
         addrinfo* ai = nullptr;
         if (::getaddrinfo(qPrintable(to.toString()), qPrintable(QString::number(port)), &hints, &ai) != 0)
             return -1;
@@ -190,11 +182,7 @@ class TestTransport : public QObject {
 private slots:
     void initTestCase() { qRegisterMetaType<QWebSocket*>(); }
     void init() { QVERIFY(start(SecuritySettings())); }
-    void cleanup()
-    {
-        m_mgr.reset();
-        QCOMPARE(gpWebSocket, nullptr);
-    }
+    void cleanup() { m_mgr.reset(); QCOMPARE(gpWebSocket, nullptr); }
 
     void startAndStop()
     {
@@ -277,8 +265,7 @@ private slots:
         ClientPage a, b;
         QVERIFY(a.open(*m_mgr) && b.open(*m_mgr));
         ClientPage* cur = current == 'a' ? &a : current == 'b' ? &b : nullptr;
-        if (cur)
-            QVERIFY(cur->ask());
+        QVERIFY(!cur || cur->ask());
 
         QSignalSpy dispatched(m_mgr->messageRun(), &MessageRun::handle_msg_signal);
         binary ? void(b.ws.sendBinaryMessage(message.toUtf8())) : void(b.ws.sendTextMessage(message));
@@ -286,15 +273,11 @@ private slots:
             QVERIFY(waitFor([&] { return !a.got.isEmpty() || !b.got.isEmpty(); }));
         QCOMPARE(a.drain(), toA);
         const QStringList gotB = b.drain();
-        if (!message.startsWith('@'))
-            QCOMPARE(gotB, toB);
+        QVERIFY(message.startsWith('@') || gotB == toB);
         QCOMPARE(dispatched.count(), 0);
 
         MessageRun::send_msg(QStringLiteral("probe"));
-        if (cur)
-            QCOMPARE(cur->next(), QStringLiteral("probe"));
-        else
-            QCOMPARE(gpWebSocket, nullptr);
+        QVERIFY(cur ? cur->next() == QLatin1String("probe") : gpWebSocket == nullptr);
     }
 
     void broadcastReachesEveryPage_data()
@@ -360,8 +343,7 @@ private slots:
         QVERIFY(waitFor([&] { return mgr.clientCount() == 2; }));
         QCOMPARE(gpWebSocket, nullptr);
         QCOMPARE(firstArguments(dispatched), kStopPreview);
-        QVERIFY(waitFor([&] { return trace.functions().contains(QStringLiteral("bStopPlay")); }));
-        QVERIFY(trace.functions().contains(QStringLiteral("bStopPlay4")));
+        QVERIFY(waitFor([&] { const QStringList f = trace.functions(); return f.contains(kStopPreview[0]) && f.contains(kStopPreview[1]); }));
 
         // Until someone sends a command, replies reach nobody (nor do thread messages once the
         // page they were bound to left); broadcasts still reach the rest.
@@ -422,8 +404,6 @@ private slots:
             return hung.readMessages().contains(QStringLiteral("frame-after-catch-up")); }));
     }
 
-    // --- Who may connect -----------------------------------------------------------------
-
     void securitySettingsFromTheIniFile_data()
     {
         QTest::addColumn<QByteArray>("ini");
@@ -464,17 +444,12 @@ private slots:
     {
         QTest::addColumn<QString>("host");
         QTest::addColumn<bool>("hostOk");
-        QTest::newRow("localhost") << "localhost" << true;
-        QTest::newRow("LOCALHOST with port") << "LOCALHOST:1818" << true;
-        QTest::newRow("v4 loopback") << "127.0.0.1:1818" << true;
-        QTest::newRow("v6 loopback") << "[::1]:1818" << true;
-        QTest::newRow("own address") << "10.1.2.3" << true;
-        QTest::newRow("wildcard") << "0.0.0.0:1818" << false;
-        QTest::newRow("rebinding name") << "127.0.0.1.nip.io:1818" << false;
-        QTest::newRow("other site") << "evil.example:1818" << false;
-        QTest::newRow("other loopback") << "127.0.0.2" << false;
-        QTest::newRow("bad port") << "localhost:x" << false;
-        QTest::newRow("empty") << "" << false;
+        // Loopback names and addresses, with or without a port, and the server's own address.
+        for (const char* host : {"localhost", "LOCALHOST:1818", "127.0.0.1:1818", "[::1]:1818", "10.1.2.3"})
+            QTest::newRow(host) << QString::fromLatin1(host) << true;
+        // The wildcard, a rebinding name, another site or loopback, a bad port, nothing.
+        for (const char* host : {"0.0.0.0:1818", "127.0.0.1.nip.io:1818", "evil.example:1818", "127.0.0.2", "localhost:x", ""})
+            QTest::newRow(*host ? host : "empty") << QString::fromLatin1(host) << false;
     }
 
     void hostAndOriginRules()
@@ -544,19 +519,14 @@ private slots:
         const QHostAddress outside = outsideAddress();
         if (outside.isNull())
             QSKIP("this machine has no address besides loopback");
-        const quint16 port = m_mgr->serverPort();
-        RawPage viaOutside;
-        QCOMPARE(viaOutside.open(outside, port, QByteArray(), outside.toString().toLatin1()), -1);
-        RawPage viaV6;
-        QCOMPARE(viaV6.open(QHostAddress(QHostAddress::LocalHostIPv6), port, QByteArray(), "[::1]"), 101);
+        QCOMPARE(knock(outside, outside.toString().toLatin1()), -1);
+        QCOMPARE(knock(QHostAddress(QHostAddress::LocalHostIPv6), "[::1]"), 101);
 
         SecuritySettings any;
         any.listen = SecuritySettings::Listen::Any;
         QVERIFY(start(any));
-        RawPage again;
-        QCOMPARE(again.open(outside, m_mgr->serverPort(), QByteArray(), outside.toString().toLatin1()), 101);
-        RawPage rebound;   // listening everywhere does not make a foreign name ours
-        QCOMPARE(rebound.open(outside, m_mgr->serverPort(), QByteArray(), "evil.example"), 403);
+        QCOMPARE(knock(outside, outside.toString().toLatin1()), 101);
+        QCOMPARE(knock(outside, "evil.example"), 403);   // listening everywhere does not make a foreign name ours
     }
 
     void pageLimit()
@@ -566,13 +536,11 @@ private slots:
         QVERIFY(start(s));
         ClientPage a, b;
         QVERIFY(a.open(*m_mgr) && b.open(*m_mgr));
-        RawPage third;
-        QCOMPARE(third.open(QHostAddress(QHostAddress::LocalHost), m_mgr->serverPort()), 503);
+        QCOMPARE(knock(), 503);
         QCOMPARE(m_mgr->clientCount(), 2);
         b.ws.close();
         QVERIFY(waitFor([&] { return m_mgr->clientCount() == 1; }));
-        RawPage fourth;
-        QCOMPARE(fourth.open(QHostAddress(QHostAddress::LocalHost), m_mgr->serverPort()), 101);
+        QCOMPARE(knock(), 101);
     }
 
     // A 100 MB message is refused from its header: only its page is closed, with 1009, and
@@ -598,6 +566,13 @@ private slots:
     }
 
 private:
+    // The status a handshake from a page that leaves at once gets.
+    int knock(const QHostAddress& to = QHostAddress(QHostAddress::LocalHost), const QByteArray& host = QByteArray())
+    {
+        RawPage page;
+        return page.open(to, m_mgr->serverPort(), QByteArray(), host);
+    }
+
     bool start(const SecuritySettings& s)
     {
         gpWebSocket = nullptr;
