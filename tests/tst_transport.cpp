@@ -65,7 +65,8 @@ public:
     int open(const QHostAddress& to, quint16 port, const QByteArray& extraHeaders = QByteArray(),
              const QByteArray& host = QByteArray())
     {
-        const addrinfo hints{AI_NUMERICHOST | AI_NUMERICSERV, AF_UNSPEC, SOCK_STREAM, 0, 0, nullptr, nullptr, nullptr};
+        addrinfo hints{};   // any family: the address says which
+        hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
         addrinfo* ai = nullptr;
         if (::getaddrinfo(qPrintable(to.toString()), qPrintable(QString::number(port)), &hints, &ai) != 0)
             return -1;
