@@ -146,6 +146,9 @@ private:
         bool stop = false;
     };
     static void stopJob(std::unique_ptr<Job>& job);
+    // What both scans do first: mode 0 stops the running one (1), any mode but 1 is refused (0),
+    // a start needs a usable folder and an open camera (0). -1: the start may go on.
+    int startOrStop(const char* fn, int mode, std::unique_ptr<Job>& running, const char* folder, QString* dir);
     void autoLoop(Job* job, QString folder, QString prefix);
     void timerLoop(Job* job, QString folder, QString prefix, int seconds);
     void report(int n);

@@ -136,14 +136,13 @@ void Scanner::report(int n)
     QMetaObject::invokeMethod(observer.data(), method.constData(), Qt::QueuedConnection, Q_ARG(int, n));
 }
 
-int Scanner::autoScan(int mode, const char* folder, const char* prefix)
+int Scanner::startOrStop(const char* fn, int mode, std::unique_ptr<Job>& running, const char* folder, QString* dir)
 {
-    const char* fn = "iAutoScan";
     if (mode == 0) {
         std::unique_ptr<Job> job;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            job = std::move(m_auto);
+            job = std::move(running);
         }
         stopJob(job);
         return 1;
@@ -152,13 +151,22 @@ int Scanner::autoScan(int mode, const char* folder, const char* prefix)
         logLine(QStringLiteral("%1: mode %2 is not 1 (start) or 0 (stop)").arg(QLatin1String(fn)).arg(mode));
         return 0;
     }
-    QString dir;
-    if (!scanFolder(fn, folder, &dir))
+    if (!scanFolder(fn, folder, dir))
         return 0;
     if (!camera().previewOpen()) {
         logLine(QStringLiteral("%1: no camera is open").arg(QLatin1String(fn)));
         return 0;
     }
+    return -1;
+}
+
+int Scanner::autoScan(int mode, const char* folder, const char* prefix)
+{
+    const char* fn = "iAutoScan";
+    QString dir;
+    const int early = startOrStop(fn, mode, m_auto, folder, &dir);
+    if (early >= 0)
+        return early;
     const QString pre = prefix ? QString::fromUtf8(prefix) : QString();
     auto job = std::make_unique<Job>();
     Job* raw = job.get();
@@ -229,26 +237,10 @@ void Scanner::autoLoop(Job* job, QString folder, QString prefix)
 int Scanner::timerScan(int mode, const char* folder, const char* prefix, int seconds)
 {
     const char* fn = "iTimerScan";
-    if (mode == 0) {
-        std::unique_ptr<Job> job;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            job = std::move(m_timer);
-        }
-        stopJob(job);
-        return 1;
-    }
-    if (mode != 1) {
-        logLine(QStringLiteral("%1: mode %2 is not 1 (start) or 0 (stop)").arg(QLatin1String(fn)).arg(mode));
-        return 0;
-    }
     QString dir;
-    if (!scanFolder(fn, folder, &dir))
-        return 0;
-    if (!camera().previewOpen()) {
-        logLine(QStringLiteral("%1: no camera is open").arg(QLatin1String(fn)));
-        return 0;
-    }
+    const int early = startOrStop(fn, mode, m_timer, folder, &dir);
+    if (early >= 0)
+        return early;
     if (seconds < 1)
         logLine(QStringLiteral("%1: an interval of %2 s is taken as 1 s").arg(QLatin1String(fn)).arg(seconds));
     const QString pre = prefix ? QString::fromUtf8(prefix) : QString();
