@@ -10,8 +10,9 @@ PKGS=(
   libopencv-dev
   libturbojpeg0-dev libtiff-dev libzip-dev
   libcurl4-openssl-dev openssl
-  poppler-utils
+  poppler-utils unzip
   procps xdg-utils
+  fonts-wqy-zenhei
 )
 if [ "${1:-}" = "--fuzz" ]; then
   PKGS+=(clang libclang-rt-14-dev)
