@@ -5,7 +5,7 @@
 #include "camera/jpegbase64.h"
 #include "camera/previewframe.h"
 #include "devicelib/doccamera.h"
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 
 #include <QGuiApplication>

@@ -3,7 +3,7 @@
 // results taken the way the library's calls take them, for every result and output shape.
 #include "devicelib/cardreader.h"
 #include "devicelib/doccamera.h"
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 #include "fuzzsupport.h"
 

@@ -13,6 +13,17 @@ PKGS=(
   poppler-utils unzip
   procps xdg-utils
   fonts-wqy-zenhei
+  # recording, printing, watermarks, barcodes
+  libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev libavdevice-dev
+  ffmpeg libpulse-dev libasound2-dev
+  libcups2-dev cups-daemon cups-client cups-bsd
+  libzxing-dev fonts-wqy-microhei
+  # card readers and voice prompts
+  libpcsclite-dev pcscd vsmartcard-vpcd espeak-ng alsa-utils
+  # face and fingerprint
+  libopencv-contrib-dev opencv-data libdlib-dev libdlib-data libfprint-2-dev libglib2.0-dev
+  # companions: the signing service, the browser helper and the page tests
+  libqpdf-dev chromium
 )
 if [ "${1:-}" = "--fuzz" ]; then
   PKGS+=(clang libclang-rt-14-dev)

@@ -1,7 +1,7 @@
 // Merged images: camera shots laid into a grid of cells, row by row, on white; the usual use
 // is the front and back of an ID card in one column of two rows.
-#include "devicelib/portable/camera.h"
-#include "devicelib/portable/camerastills.h"
+#include "devicelib/portable/camera/camera.h"
+#include "devicelib/portable/camera/camerastills.h"
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/documents/documents.h"
 

@@ -1,8 +1,8 @@
 // Pages of a document: from the camera, from image files and from base64 text; their size on
 // paper from their resolution; the 1-bit form of black-and-white pages.
-#include "devicelib/portable/camera.h"
-#include "devicelib/portable/camerasource.h"
-#include "devicelib/portable/camerastills.h"
+#include "devicelib/portable/camera/camera.h"
+#include "devicelib/portable/camera/camerasource.h"
+#include "devicelib/portable/camera/camerastills.h"
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/documents/documents.h"
 

@@ -1,8 +1,8 @@
 // Scanning on the open camera: automatic (a shot each time a new page is laid down and held
 // still), timed (a shot every few seconds) and book (a two-page spread split at its spine).
 // The scans stop when the camera stops.
-#include "devicelib/portable/camera.h"
-#include "devicelib/portable/camerastills.h"
+#include "devicelib/portable/camera/camera.h"
+#include "devicelib/portable/camera/camerastills.h"
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/documents/documents.h"
 

@@ -3,7 +3,7 @@
 // An image is read again when the file changes (looked at by path once a second, so a file
 // renamed over it counts): replacing the file is how a page is "laid under" this camera.
 // Also chooses each camera number's source from the device profile.
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 
 #include <QFile>

@@ -1,6 +1,6 @@
 // The capture button thread: waits on the camera's input devices and on a self-pipe that the
 // SIGUSR1 handler writes to, and calls the page's listener on each press.
-#include "devicelib/portable/capturebutton.h"
+#include "devicelib/portable/camera/capturebutton.h"
 #include "devicelib/portable/core.h"
 
 #include <QDir>

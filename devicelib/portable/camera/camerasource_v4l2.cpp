@@ -2,7 +2,7 @@
 // frames are taken as the raw compressed bytes, so the preview can decode them at a reduced
 // scale; a camera without MJPEG delivers decoded BGR. Frame sizes and controls go straight
 // to the device with the V4L2 ioctls.
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 
 #include <QDir>

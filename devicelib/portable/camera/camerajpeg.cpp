@@ -1,6 +1,6 @@
 // JPEG through libturbojpeg: decoding camera MJPEG at a DCT scale, encoding stills with the
 // density the page asked for.
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 
 #include <turbojpeg.h>
 

@@ -1,6 +1,6 @@
 // Still files with the page's DPI and quality, colour modes and the two-page split.
-#include "devicelib/portable/camerastills.h"
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerastills.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 
 #include <QDir>

@@ -1,6 +1,6 @@
 // The document camera's C entry points: each one line through traced() into Camera.
 #include "devicelib/doccamera.h"
-#include "devicelib/portable/camera.h"
+#include "devicelib/portable/camera/camera.h"
 #include "devicelib/portable/core.h"
 
 using portable::camera;

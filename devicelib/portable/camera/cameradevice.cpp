@@ -1,9 +1,9 @@
 // The cameras behind the preview: one grabber thread per open camera writing into a single
 // newest-frame slot, the settings that act on fetched frames, and the still pipeline.
-#include "devicelib/portable/camera.h"
-#include "devicelib/portable/camerasource.h"
-#include "devicelib/portable/camerastills.h"
-#include "devicelib/portable/capturebutton.h"
+#include "devicelib/portable/camera/camera.h"
+#include "devicelib/portable/camera/camerasource.h"
+#include "devicelib/portable/camera/camerastills.h"
+#include "devicelib/portable/camera/capturebutton.h"
 
 #include <QDir>
 #include <QFileInfo>

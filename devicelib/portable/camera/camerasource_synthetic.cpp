@@ -1,7 +1,7 @@
 // A camera without hardware: a document page with text lines, a barcode, a moving marker and a
 // frame counter, paced at the chosen frame rate. In MJPEG mode each frame is encoded once when
 // it is produced, like a real camera's, so the preview's decode path can be measured.
-#include "devicelib/portable/camerasource.h"
+#include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
 
 #include <opencv2/imgproc.hpp>
