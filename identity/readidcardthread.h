@@ -8,7 +8,16 @@ class ReadIdCardThread : public WorkerThread {
     Q_OBJECT
 public:
     static ReadIdCardThread* instance();
+    ~ReadIdCardThread() override;
+
+    // Counts one request and wakes the worker: each request gets its own read and its own reply.
+    void readCard();
+
+protected:
+    void run() override;
 
 private:
     ReadIdCardThread();
+
+    qint32 m_pending = 0;   // requests counted and not read yet; guarded by m_mutex
 };
