@@ -4,8 +4,8 @@
 #include "devicelib/portable/cards/pcsc.h"
 #include "devicelib/portable/core.h"
 
+#include <QElapsedTimer>
 #include <QJsonObject>
-#include <QRegularExpression>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -58,7 +58,15 @@ struct Selection {
 
 Selection& selection()
 {
-    static Selection* const s = new Selection;   // lives to the end, like the profile
+    // Lives to the end, like the profile; a new profile starts from the first reader again.
+    static Selection* const s = [] {
+        auto* made = new Selection;
+        addResetHook([made] {
+            std::lock_guard<std::mutex> lock(made->mutex);
+            made->kind = Selection::First;
+        });
+        return made;
+    }();
     return *s;
 }
 
@@ -150,9 +158,11 @@ bool simulatedOnly(QStringList* readers)
 QStringList readersFor(const QStringList& all, int readerType)
 {
     Selection& s = selection();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.kind == Selection::Named)
-        return all.contains(s.name) ? QStringList{s.name} : QStringList();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.kind == Selection::Named)
+            return all.contains(s.name) ? QStringList{s.name} : QStringList();
+    }
     QStringList contact, contactless;
     for (const QString& r : all)
         (pcsc::isContactless(r) ? contactless : contact).append(r);
@@ -284,9 +294,15 @@ QString bankCardText(int readerType, bool* ok)
     }
     Failure last = Failure::NoCard;
     QString why;
+    // One time limit for the whole read, however many readers it tries.
+    QElapsedTimer clock;
+    clock.start();
     for (const QString& reader : readers) {
+        const int left = pcsc::timeoutMs() - int(clock.elapsed());
+        if (left <= 0)
+            break;
         pcsc::BankCard card;
-        last = pcsc::readBankCard(reader, &card, &why);
+        last = pcsc::readBankCard(reader, left, &card, &why);
         if (last == Failure::None) {
             *ok = true;
             return asciiJson({{"code", "0"},
@@ -313,8 +329,13 @@ int icCardSerial()
     } else {
         QString why;
         bool read = false;
+        QElapsedTimer clock;
+        clock.start();
         for (const QString& reader : readersFor(all, 0)) {
-            if (pcsc::readUid(reader, &uid, &why) == Failure::None) {
+            const int left = pcsc::timeoutMs() - int(clock.elapsed());
+            if (left <= 0)
+                break;
+            if (pcsc::readUid(reader, left, &uid, &why) == Failure::None) {
                 read = true;
                 break;
             }

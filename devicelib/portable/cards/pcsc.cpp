@@ -19,8 +19,6 @@
 namespace portable::cards::pcsc {
 namespace {
 
-constexpr int kStepMs = 5000;
-
 // The service context the reader list and bCloseIDCardDevie share.
 struct Shared {
     std::mutex mutex;
@@ -130,7 +128,7 @@ private:
 
 struct Outcome {
     Failure failure = Failure::ReadError;
-    QString why = QStringLiteral("the reader did not answer within 5 s");
+    QString why = QStringLiteral("the card or the reader did not answer in time");
     QByteArray uid;
     BankCard card;
 };
@@ -502,10 +500,15 @@ bool release()
     return true;
 }
 
-Failure readUid(const QString& reader, QByteArray* uid, QString* why)
+int timeoutMs()
+{
+    return qBound(100, int(profileNumber(QStringLiteral("pcsc.timeoutMs"), 5000)), 60000);
+}
+
+Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why)
 {
     const QByteArray name = reader.toUtf8();
-    const Outcome o = bounded<Outcome>(kStepMs, [name] {
+    const Outcome o = bounded<Outcome>(ms, [name] {
         Outcome out;
         Session session;
         LONG rv = session.connect(name);
@@ -529,10 +532,10 @@ Failure readUid(const QString& reader, QByteArray* uid, QString* why)
     return o.failure;
 }
 
-Failure readBankCard(const QString& reader, BankCard* card, QString* why)
+Failure readBankCard(const QString& reader, int ms, BankCard* card, QString* why)
 {
     const QByteArray name = reader.toUtf8();
-    const Outcome o = bounded<Outcome>(kStepMs, [name] {
+    const Outcome o = bounded<Outcome>(ms, [name] {
         Outcome out;
         Session session;
         LONG rv = session.connect(name);

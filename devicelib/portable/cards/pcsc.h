@@ -25,10 +25,13 @@ struct BankCard {
     QByteArray aid;      // hex
 };
 
-// Reads the card in reader: its UID (GET DATA), or its payment application (EMV). Each step
-// at most 5 s; a failure says why in *why.
-Failure readUid(const QString& reader, QByteArray* uid, QString* why);
-Failure readBankCard(const QString& reader, BankCard* card, QString* why);
+// How long one card session may take ("pcsc.timeoutMs", 5000 by default).
+int timeoutMs();
+
+// Reads the card in reader: its UID (GET DATA), or its payment application (EMV), within ms;
+// a failure says why in *why.
+Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why);
+Failure readBankCard(const QString& reader, int ms, BankCard* card, QString* why);
 
 // The EMV steps over any transport: apdu sends one command and gives the card's answer with
 // its status word (empty when the card did not answer). Shared by readBankCard and tests.
