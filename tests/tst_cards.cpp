@@ -16,6 +16,7 @@
 #include <QtEndian>
 
 #include <arpa/inet.h>
+#include <winscard.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -162,6 +163,25 @@ private:
     QByteArray m_pending;
     std::thread m_thread;
 };
+
+// Waits until pcscd sees a card in reader (it polls the driver for one).
+bool waitForCard(const char* reader)
+{
+    SCARDCONTEXT context;
+    if (SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context) != SCARD_S_SUCCESS)
+        return false;
+    SCARD_READERSTATE state{};
+    state.szReader = reader;
+    state.dwCurrentState = SCARD_STATE_UNAWARE;
+    bool present = false;
+    for (int i = 0; i < 50 && !present; ++i) {
+        if (SCardGetStatusChange(context, 200, &state, 1) == SCARD_S_SUCCESS)
+            state.dwCurrentState = state.dwEventState;
+        present = state.dwEventState & SCARD_STATE_PRESENT;
+    }
+    SCardReleaseContext(context);
+    return present;
+}
 
 }  // namespace
 
@@ -420,9 +440,10 @@ private slots:
         QTest::addColumn<int>("card");   // 0 none, 1 the test card, 2 mute
         QTest::addColumn<QString>("bank");
         QTest::addColumn<int>("uid");
-        QTest::newRow("bank card") << 1 << QString::fromUtf8(q("{'code':'0','cardNo':'6217000010012345678','expiry':'2912','holder':'ZHANG/SAN','aid':'A000000333010101','interface':'contact'}")) << 1144201745;
-        QTest::newRow("mute card") << 2 << QString() << 0;
-        QTest::newRow("no card") << 0 << QString() << 0;
+        QTest::addColumn<QString>("code");   // of the bank card text on the contact reader
+        QTest::newRow("bank card") << 1 << QString::fromUtf8(q("{'code':'0','cardNo':'6217000010012345678','expiry':'2912','holder':'ZHANG/SAN','aid':'A000000333010101','interface':'contact'}")) << 1144201745 << "0";
+        QTest::newRow("mute card") << 2 << QString() << 0 << "4";
+        QTest::newRow("no card") << 0 << QString() << 0 << "1";
     }
 
     void pcscCard()
@@ -430,6 +451,7 @@ private slots:
         QFETCH(int, card);
         QFETCH(QString, bank);
         QFETCH(int, uid);
+        QFETCH(QString, code);
         if (::geteuid() != 0)
             QSKIP("pcscd needs root to start (its socket lives in /run/pcscd)");
         QLocalSocket running;
@@ -458,10 +480,13 @@ private slots:
         if (card) {
             vc = std::make_unique<VirtualCard>(card == 2);
             QVERIFY(waitFor([&] { return vc->connected(); }));
+            QVERIFY(waitForCard("Virtual PCD 00 00"));
         }
         QCOMPARE(run("iReadICCardSnr()", 8000), QStringLiteral("BeginiReadICCardSnr%1EndiReadICCardSnr").arg(uid));
         QCOMPARE(run("GetBankCardInfo(1)", 8000), QStringLiteral("BeginGetBankCardInfo%1EndGetBankCardInfo").arg(bank));
         QString out;
+        QCOMPARE(GetBankCardInfoVX(&out, 1), card == 1);
+        QCOMPARE(parsed(out).value("code").toString(), code);
         QVERIFY(!GetBankCardInfoVX(&out, 2));   // vpcd's readers are contact readers
         QCOMPARE(parsed(out).value("code").toString(), QStringLiteral("2"));
     }
