@@ -55,11 +55,12 @@ bool isAscii(const QString& s)
 
 // A card on vpcd's virtual reader (TCP, port 35963): each message a 2-byte big-endian length
 // and a payload; 1-byte payloads are control (0 off, 1 on, 2 reset, 4 ATR), the rest APDUs.
-// It answers as a contact bank card without PPSE (PSE directory, 61xx and 6Cxx on the way) or,
-// mute, only the ATR.
+// It answers as a contact bank card without PPSE (PSE directory, 61xx and 6Cxx on the way),
+// answers only the ATR (mute), or answers every command with 10 000 bytes of nonsense.
 class VirtualCard {
 public:
-    explicit VirtualCard(bool mute) : m_mute(mute) { m_thread = std::thread([this] { serve(); }); }
+    enum Kind { Bank, Mute, Garbage };
+    explicit VirtualCard(Kind kind) : m_kind(kind) { m_thread = std::thread([this] { serve(); }); }
     ~VirtualCard()
     {
         m_stop = true;
@@ -123,8 +124,10 @@ private:
     {
         if (in.size() == 1)
             return in[0] == 4 ? QByteArray::fromHex("3B8F8001804F0CA000000306030001000000006A") : QByteArray();
-        if (m_mute)
+        if (m_kind == Mute)
             return QByteArray();
+        if (m_kind == Garbage)   // 10 000 bytes of nonsense, "successfully"
+            return QByteArray(10000, char(0x5A)) + QByteArray::fromHex("9000");
         const QByteArray ok = QByteArray::fromHex("9000");
         const QByteArray aid = QByteArray::fromHex("A000000333010101");
         const QByteArray directory = tlv("70", tlv("61", tlv("4F", aid) + tlv("50", "UDEBIT") + tlv("87", "\x01")));
@@ -156,7 +159,7 @@ private:
         return QByteArray::fromHex("6D00");
     }
 
-    bool m_mute;
+    Kind m_kind;
     std::atomic<bool> m_stop{false};
     std::atomic<bool> m_connected{false};
     std::atomic<int> m_fd{-1};
@@ -437,13 +440,14 @@ private slots:
     // A bank card, a mute card and no card on vpcd's virtual reader, under our own pcscd.
     void pcscCard_data()
     {
-        QTest::addColumn<int>("card");   // 0 none, 1 the test card, 2 mute
+        QTest::addColumn<int>("card");   // 0 none, else 1 + VirtualCard::Kind
         QTest::addColumn<QString>("bank");
         QTest::addColumn<int>("uid");
         QTest::addColumn<QString>("code");   // of the bank card text on the contact reader
         QTest::newRow("bank card") << 1 << QString::fromUtf8(q("{'code':'0','cardNo':'6217000010012345678','expiry':'2912','holder':'ZHANG/SAN','aid':'A000000333010101','interface':'contact'}")) << 1144201745 << "0";
         QTest::newRow("mute card") << 2 << QString() << 0 << "4";
         QTest::newRow("no card") << 0 << QString() << 0 << "1";
+        QTest::newRow("garbage answers") << 3 << QString() << 0 << "4";
     }
 
     void pcscCard()
@@ -478,7 +482,7 @@ private slots:
         QVERIFY(bOpenIDCardUSBPort("USB1"));
         std::unique_ptr<VirtualCard> vc;
         if (card) {
-            vc = std::make_unique<VirtualCard>(card == 2);
+            vc = std::make_unique<VirtualCard>(VirtualCard::Kind(card - 1));
             QVERIFY(waitFor([&] { return vc->connected(); }));
             QVERIFY(waitForCard("Virtual PCD 00 00"));
         }

@@ -293,7 +293,6 @@ QString bankCardText(int readerType, bool* ok)
         return failureText(Failure::NoReader);
     }
     Failure last = Failure::NoCard;
-    QString why;
     // One time limit for the whole read, however many readers it tries.
     QElapsedTimer clock;
     clock.start();
@@ -302,8 +301,9 @@ QString bankCardText(int readerType, bool* ok)
         if (left <= 0)
             break;
         pcsc::BankCard card;
-        last = pcsc::readBankCard(reader, left, &card, &why);
-        if (last == Failure::None) {
+        QString reason;
+        const Failure f = pcsc::readBankCard(reader, left, &card, &reason);
+        if (f == Failure::None) {
             *ok = true;
             return asciiJson({{"code", "0"},
                               {"cardNo", QString::fromLatin1(card.pan)},
@@ -312,9 +312,12 @@ QString bankCardText(int readerType, bool* ok)
                               {"aid", QString::fromLatin1(card.aid)},
                               {"interface", pcsc::isContactless(reader) ? "contactless" : "contact"}});
         }
-        logLine(QStringLiteral("GetBankCardInfoVX: %1: %2").arg(reader, why));
+        logLine(QStringLiteral("GetBankCardInfoVX: %1: %2").arg(reader, reason));
+        // A card that failed tells the page more than an empty reader beside it.
+        if (last == Failure::NoCard)
+            last = f;
     }
-    return failureText(last, why);
+    return failureText(last);
 }
 
 int icCardSerial()
@@ -375,7 +378,7 @@ bool openUsb(const QByteArray& port)
     }
     const QString name = QString::fromUtf8(port);
     if (!pcsc::readers().contains(name)) {
-        logLine(QStringLiteral("bOpenIDCardUSBPort: no reader named \"%1\"").arg(name));
+        logLine(QStringLiteral("bOpenIDCardUSBPort: no reader named \"%1\"").arg(name.left(200)));
         return false;
     }
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -388,7 +391,7 @@ bool openSerial(const QByteArray& device)
 {
     const int fd = ::open(device.constData(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        logLine(QStringLiteral("openIDCardSerialPort: %1: %2").arg(QString::fromUtf8(device), QString::fromLocal8Bit(std::strerror(errno))));
+        logLine(QStringLiteral("openIDCardSerialPort: %1: %2").arg(QString::fromUtf8(device.left(200)), QString::fromLocal8Bit(std::strerror(errno))));
         return false;
     }
     ::close(fd);

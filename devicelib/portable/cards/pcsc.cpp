@@ -520,7 +520,7 @@ Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why)
         const QByteArray r = exchange([&](const QByteArray& c) { return session.transmit(c, &rv); }, QByteArray::fromHex("FFCA000000"));
         if (statusOf(r) != 0x9000 || r.size() < 6 || r.size() > 12) {
             out.failure = rv != SCARD_S_SUCCESS ? failureOf(rv) : Failure::ReadError;
-            out.why = rv != SCARD_S_SUCCESS ? errorText(rv) : QStringLiteral("GET DATA answered %1").arg(QString::fromLatin1(r.toHex()));
+            out.why = rv != SCARD_S_SUCCESS ? errorText(rv) : QStringLiteral("GET DATA answered %1 bytes: %2").arg(r.size()).arg(QString::fromLatin1(r.left(16).toHex()));
             return out;
         }
         out.failure = Failure::None;
