@@ -101,6 +101,9 @@ class AlsaSink final : public Sink {
 public:
     static std::unique_ptr<Sink> open(const Pcm& pcm, QString* why)
     {
+        // ALSA prints its own complaints on standard error; the log line below says it once.
+        static std::once_flag quiet;
+        std::call_once(quiet, [] { snd_lib_error_set_handler(&AlsaSink::silent); });
         snd_pcm_t* handle = nullptr;
         int rv = snd_pcm_open(&handle, "default", SND_PCM_STREAM_PLAYBACK, 0);
         if (rv >= 0)
@@ -135,6 +138,7 @@ public:
     }
 
 private:
+    static void silent(const char*, int, const char*, int, const char*, ...) {}
     AlsaSink(snd_pcm_t* h, int channels) : m_handle(h), m_channels(channels) {}
     snd_pcm_t* m_handle;
     int m_channels;
