@@ -66,6 +66,7 @@ public:
         m_stop = true;
         ::shutdown(m_fd.load(), SHUT_RDWR);
         m_thread.join();
+        ::close(m_fd.load());   // only now: its number cannot have gone to another socket meanwhile
     }
     bool connected() const { return m_connected; }
 
@@ -100,7 +101,6 @@ private:
             if (::write(m_fd, out.constData(), size_t(out.size())) != out.size())
                 break;
         }
-        ::close(m_fd);
     }
 
     bool readAll(int n, QByteArray* into)
@@ -321,7 +321,8 @@ private slots:
         QVERIFY(waitFor([&] { return cardReplies(a).size() == 2; }));
         disconnect(c);
         QCOMPARE(cardReplies(a).first(), QStringLiteral("BeginsIDCardReaderlateEndsIDCardReader"));
-        QVERIFY(cardReplies(a).last().contains(QLatin1String("\\u674e")));   // the sample card, read for real
+        // The sample card, read for real: its name survives the worker's 8-bit conversion.
+        QCOMPARE(parsed(between(cardReplies(a).last(), "sIDCardReader")).value("name").toString(), QString::fromUtf8("李晓红"));
         QCOMPARE(trace.functions().size(), 5);
     }
 
@@ -399,6 +400,29 @@ private slots:
         QFETCH(QString, reply);
         portable::loadProfileText("{\"cards\":" + profile.left(profile.size() - 1) + (profile.size() > 2 ? "," : "") + "\"simulate\":true}}");
         QCOMPARE(run(command), reply);
+    }
+
+    // Huge and binary arguments: the usual failure replies, never a crash.
+    void badInput_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("reply");
+        const QString huge(100000, QLatin1Char('A'));
+        const QString binary = QString::fromLatin1(QByteArray("\x01\xff\x00\x7f\xc3(", 6));
+        QTest::newRow("huge reader name") << "bOpenIDCardReader(" + huge + ")" << "BeginbOpenIDCardReaderfalseEndbOpenIDCardReader";
+        QTest::newRow("binary reader name") << "bOpenIDCardReader(" + binary + ")" << "BeginbOpenIDCardReaderfalseEndbOpenIDCardReader";
+        QTest::newRow("huge serial device") << "bOpenIDCardSerialPort(/dev/" + huge + ")" << "BeginbOpenIDCardSerialPortfalseEndbOpenIDCardSerialPort";
+        QTest::newRow("huge voice number") << "bPlayVoice(99999999999999999999)" << "BeginbPlayVoicefalseEndbPlayVoice";
+        QTest::newRow("huge bank type") << "GetBankCardInfo(" + huge + ")" << "BeginGetBankCardInfo{\"code\":\"0\",\"cardNo\":\"6228480012345678903\","
+            "\"expiry\":\"2912\",\"holder\":\"LI/XIAOHONG\",\"aid\":\"A000000333010101\",\"interface\":\"contact\"}EndGetBankCardInfo";
+    }
+
+    void badInput()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, reply);
+        QCOMPARE(run(command), reply);
+        QVERIFY(run("ReadCard(a," + command + ")").startsWith("BeginReadCard{\"result\":1,"));
     }
 
     // Prompt 1 written to a WAV file is speech of plausible length; an unknown number writes nothing.
