@@ -75,12 +75,12 @@ class PulseSink final : public Sink {
 public:
     static std::unique_ptr<Sink> open(const Pcm& pcm, QString* why)
     {
-        pa_sample_spec spec;
-        spec.format = PA_SAMPLE_S16LE;
-        spec.rate = uint32_t(pcm.rate);
-        spec.channels = uint8_t(pcm.channels);
+        pa_sample_spec sampleFormat;
+        sampleFormat.format = PA_SAMPLE_S16LE;
+        sampleFormat.rate = uint32_t(pcm.rate);
+        sampleFormat.channels = uint8_t(pcm.channels);
         int error = 0;
-        pa_simple* s = pa_simple_new(nullptr, "rvowebSocketServer", PA_STREAM_PLAYBACK, nullptr, "voice prompt", &spec,
+        pa_simple* s = pa_simple_new(nullptr, "rvowebSocketServer", PA_STREAM_PLAYBACK, nullptr, "voice prompt", &sampleFormat,
                                      nullptr, nullptr, &error);
         if (!s) {
             *why = QStringLiteral("PulseAudio: %1").arg(QString::fromUtf8(pa_strerror(error)));
