@@ -59,7 +59,7 @@ bool isAscii(const QString& s)
 // answers only the ATR (mute), or answers every command with 10 000 bytes of nonsense.
 class VirtualCard {
 public:
-    enum Kind { Bank, Mute, Garbage };
+    enum Kind { Bank, Mute, Garbage, Contactless };
     explicit VirtualCard(Kind kind) : m_kind(kind) { m_thread = std::thread([this] { serve(); }); }
     ~VirtualCard()
     {
@@ -129,6 +129,8 @@ private:
         if (m_kind == Garbage)   // 10 000 bytes of nonsense, "successfully"
             return QByteArray(10000, char(0x5A)) + QByteArray::fromHex("9000");
         const QByteArray ok = QByteArray::fromHex("9000");
+        if (m_kind == Contactless)
+            return contactless(in.toHex().toUpper(), ok);
         const QByteArray aid = QByteArray::fromHex("A000000333010101");
         const QByteArray directory = tlv("70", tlv("61", tlv("4F", aid) + tlv("50", "UDEBIT") + tlv("87", "\x01")));
         const QByteArray apdu = in.toHex().toUpper();
@@ -157,6 +159,24 @@ private:
         if (apdu.startsWith("00B2"))
             return QByteArray::fromHex("6A83");
         return QByteArray::fromHex("6D00");
+    }
+
+    // A contactless card: PPSE, a PDOL of the terminal's qualifiers alone, options in format 1,
+    // and its number and expiry in the track-2 equivalent only.
+    QByteArray contactless(const QByteArray& apdu, const QByteArray& ok)
+    {
+        const QByteArray aid = QByteArray::fromHex("A000000333010102");
+        if (apdu == "FFCA000000")
+            return QByteArray::fromHex("0A0B0C0D") + ok;
+        if (apdu == "00A404000E" + QByteArray("2PAY.SYS.DDF01").toHex().toUpper() + "00")
+            return tlv("6F", tlv("84", "2PAY.SYS.DDF01") + tlv("A5", tlv("BF0C", tlv("61", tlv("4F", aid) + tlv("87", "\x01"))))) + ok;
+        if (apdu == "00A4040008A00000033301010200")
+            return tlv("6F", tlv("84", aid) + tlv("A5", tlv("9F38", QByteArray::fromHex("9F6604")))) + ok;
+        if (apdu == "80A800000683042600008000")
+            return tlv("80", QByteArray::fromHex("0080" "08010100")) + ok;
+        if (apdu == "00B2010C00")
+            return tlv("70", tlv("57", QByteArray::fromHex("6214830100200300D3006201000000000F")) + tlv("5F20", "WANG/FANG")) + ok;
+        return QByteArray::fromHex("6A82");
     }
 
     Kind m_kind;
@@ -467,11 +487,16 @@ private slots:
         QTest::addColumn<int>("card");   // 0 none, else 1 + VirtualCard::Kind
         QTest::addColumn<QString>("bank");
         QTest::addColumn<int>("uid");
-        QTest::addColumn<QString>("code");   // of the bank card text on the contact reader
-        QTest::newRow("bank card") << 1 << QString::fromUtf8(q("{'code':'0','cardNo':'6217000010012345678','expiry':'2912','holder':'ZHANG/SAN','aid':'A000000333010101','interface':'contact'}")) << 1144201745 << "0";
-        QTest::newRow("mute card") << 2 << QString() << 0 << "4";
-        QTest::newRow("no card") << 0 << QString() << 0 << "1";
-        QTest::newRow("garbage answers") << 3 << QString() << 0 << "4";
+        QTest::addColumn<QString>("contactCode");       // of the bank card texts on the contact reader
+        QTest::addColumn<QString>("contactlessCode");   // and the contactless one
+        QTest::newRow("bank card") << 1 << QString::fromUtf8(q("{'code':'0','cardNo':'6217000010012345678','expiry':'2912','holder':'ZHANG/SAN','aid':'A000000333010101','interface':'contact'}"))
+                                   << 1144201745 << "0" << "2";
+        QTest::newRow("mute card") << 2 << QString() << 0 << "4" << "2";
+        QTest::newRow("no card") << 0 << QString() << 0 << "1" << "2";
+        QTest::newRow("garbage answers") << 3 << QString() << 0 << "4" << "2";
+        // The first virtual reader taken for contactless: no card on the contact one, then PPSE.
+        QTest::newRow("contactless card") << 4 << QString::fromUtf8(q("{'code':'0','cardNo':'6214830100200300','expiry':'3006','holder':'WANG/FANG','aid':'A000000333010102','interface':'contactless'}"))
+                                          << 218893066 << "1" << "0";
     }
 
     void pcscCard()
@@ -479,7 +504,8 @@ private slots:
         QFETCH(int, card);
         QFETCH(QString, bank);
         QFETCH(int, uid);
-        QFETCH(QString, code);
+        QFETCH(QString, contactCode);
+        QFETCH(QString, contactlessCode);
         if (::geteuid() != 0)
             QSKIP("pcscd needs root to start (its socket lives in /run/pcscd)");
         const QString driver = QStringLiteral("/usr/lib/pcsc/drivers/serial/libifdvpcd.so");
@@ -504,7 +530,8 @@ private slots:
                 pcscd.kill();
             pcscd.waitForFinished();
         });
-        portable::loadProfileText(q("{'pcsc':{'timeoutMs':1500}}"));
+        portable::loadProfileText(card == 1 + VirtualCard::Contactless ? q("{'pcsc':{'timeoutMs':1500,'contactless':'PCD 00 00'}}")
+                                                                       : q("{'pcsc':{'timeoutMs':1500}}"));
         QVERIFY(waitFor([] { return bOpenIDCardUSBPort("Virtual PCD 00 00"); }));
         QVERIFY(bOpenIDCardUSBPort("USB1"));
         std::unique_ptr<VirtualCard> vc;
@@ -516,10 +543,10 @@ private slots:
         QCOMPARE(run("iReadICCardSnr()", 8000), QStringLiteral("BeginiReadICCardSnr%1EndiReadICCardSnr").arg(uid));
         QCOMPARE(run("GetBankCardInfo(1)", 8000), QStringLiteral("BeginGetBankCardInfo%1EndGetBankCardInfo").arg(bank));
         QString out;
-        QCOMPARE(GetBankCardInfoVX(&out, 1), card == 1);
-        QCOMPARE(parsed(out).value("code").toString(), code);
-        QVERIFY(!GetBankCardInfoVX(&out, 2));   // vpcd's readers are contact readers
-        QCOMPARE(parsed(out).value("code").toString(), QStringLiteral("2"));
+        QCOMPARE(GetBankCardInfoVX(&out, 1), contactCode == "0");
+        QCOMPARE(parsed(out).value("code").toString(), contactCode);
+        QCOMPARE(GetBankCardInfoVX(&out, 2), contactlessCode == "0");
+        QCOMPARE(parsed(out).value("code").toString(), contactlessCode);
     }
 };
 
