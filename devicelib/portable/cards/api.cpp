@@ -79,7 +79,9 @@ void ReadSFZCardBas_DK(QString* out) { readInto("ReadSFZCardBas_DK", out); }
 
 char* ReadCard(void* reserved, const char* param)
 {
-    return heapText(traced<Text>("ReadCard", {static_cast<const char*>(reserved), param}, [&] {
+    // The reserved pointer is not a text: traced as null, or "<object>" should a caller pass one.
+    const Arg reservedArg = reserved ? Arg(ObjectArg{reserved}) : Arg(static_cast<const char*>(nullptr));
+    return heapText(traced<Text>("ReadCard", {reservedArg, param}, [&] {
         if (param)
             logLine(QStringLiteral("ReadCard: parameter \"%1\" (not used)").arg(QString::fromUtf8(param).left(200)));
         return ascii(whileHeld([] { return cards::readCardText(); }));
