@@ -75,7 +75,10 @@ Selection& selection()
 bool profileCard(const char* key, const Fields& sample, Fields* fields)
 {
     const QString path = QStringLiteral("cards.") + key;
-    const QJsonValue v = profile().value("cards").toObject().value(key);
+    const QJsonValue cards = profile().value("cards");
+    if (!cards.isUndefined() && !cards.isObject())
+        logLine(QStringLiteral("device profile %1: key \"cards\" is not an object; using the sample cards").arg(profileSource()));
+    const QJsonValue v = cards.toObject().value(key);
     *fields = sample;
     if (v.isNull())
         return false;

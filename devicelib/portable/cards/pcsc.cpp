@@ -10,6 +10,7 @@
 
 #include <winscard.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
