@@ -410,7 +410,9 @@ private slots:
         row("no IC card", "{'icCard':null}", "iReadICCardSnr()", "BeginiReadICCardSnr0EndiReadICCardSnr");
         row("SAM", "{}", "GetSAMID()", "BeginGetSAMID05.01-20231108-0012345678-2541069913EndGetSAMID");
         row("no SAM", "{'sam':{'present':false}}", "bGetSAMStatus()", "BeginbGetSAMStatusfalseEndbGetSAMStatus");
-        row("bad card key", "{'idCard':7,'sam':{'id':'05.01-1'}}", "GetSAMID()", "BeginGetSAMID05.01-1EndGetSAMID");
+        row("SAM id from profile", "{'sam':{'id':'05.01-1'}}", "GetSAMID()", "BeginGetSAMID05.01-1EndGetSAMID");
+        row("bad card key: the sample", "{'idCard':7}", "sReadIDCardSnr()", "BeginsReadIDCardSnr9F1C0A4B27D63E85EndsReadIDCardSnr");
+        row("bad card field: the sample's", "{'idCard':{'serial':7}}", "sReadIDCardSnr()", "BeginsReadIDCardSnr9F1C0A4B27D63E85EndsReadIDCardSnr");
     }
 
     void profileCards()
@@ -418,8 +420,11 @@ private slots:
         QFETCH(QByteArray, profile);
         QFETCH(QString, command);
         QFETCH(QString, reply);
+        LogCapture log(QStringLiteral("devicelib: device profile"));
         portable::loadProfileText("{\"cards\":" + profile.left(profile.size() - 1) + (profile.size() > 2 ? "," : "") + "\"simulate\":true}}");
         QCOMPARE(run(command), reply);
+        // A bad key is named in the log, with the profile it came from.
+        QCOMPARE(log.contains(QStringLiteral("<test>: key \"cards.idCard")), QByteArray(QTest::currentDataTag()).startsWith("bad"));
     }
 
     // Huge and binary arguments: the usual failure replies, never a crash.
