@@ -431,7 +431,11 @@ Failure readEmv(const Apdu& apdu, BankCard* card, QString* why)
                 take(tlv, card);
             }
         }
-        if (card->pan.isEmpty() || card->pan.size() > 19) {
+        // A card number is 12 to 19 decimal digits; anything else came from a confused card.
+        const auto allDigits = [](const QByteArray& b) { return std::all_of(b.begin(), b.end(), [](char c) { return c >= '0' && c <= '9'; }); };
+        if (card->expiry.size() != 4 || !allDigits(card->expiry))
+            card->expiry.clear();
+        if (card->pan.size() < 12 || card->pan.size() > 19 || !allDigits(card->pan)) {
             *why = QStringLiteral("application %1 gives no card number").arg(QString::fromLatin1(aid.toHex()));
             card->pan.clear();
             continue;
