@@ -486,6 +486,19 @@ private slots:
         QVERIFY(loud > samples / 20);
     }
 
+    // Played for real, on ALSA's null device (no PulseAudio to be found): the command answers at
+    // once, a new prompt cuts off the one playing, a new profile stops it.
+    void voiceThroughTheDevice()
+    {
+        QVERIFY(writeFile(m_dir.filePath("asound.conf"), "pcm.!default { type null }\n"));
+        qputenv("ALSA_CONFIG_PATH", QFile::encodeName(m_dir.filePath("asound.conf")));
+        qputenv("PULSE_SERVER", "unix:" + QFile::encodeName(m_dir.filePath("no-pulse")));
+        portable::loadProfileText(q("{'voice':{'files':{'1':'" RVO_VOICE_DIR "/1.wav','2':'" RVO_VOICE_DIR "/2.wav'}}}"));
+        QCOMPARE(run("bPlayVoice(1)"), QStringLiteral("BeginbPlayVoicetrueEndbPlayVoice"));
+        QCOMPARE(run("bPlayVoice(2)"), QStringLiteral("BeginbPlayVoicetrueEndbPlayVoice"));
+        portable::loadProfileText(QByteArray());
+    }
+
     // A bank card, a mute card and no card on vpcd's virtual reader, under our own pcscd.
     void pcscCard_data()
     {

@@ -10,6 +10,7 @@
 
 #include <alsa/asoundlib.h>
 #include <pulse/error.h>
+#include <pulse/sample.h>
 #include <pulse/simple.h>
 
 #include <atomic>
@@ -69,6 +70,8 @@ class Sink {
 public:
     virtual ~Sink() = default;
     virtual bool write(const char* data, size_t bytes) = 0;
+    // The prompt played to its end: let the device play what it holds.
+    virtual void finish() = 0;
 };
 
 class PulseSink final : public Sink {
@@ -79,18 +82,30 @@ public:
         sampleFormat.format = PA_SAMPLE_S16LE;
         sampleFormat.rate = uint32_t(pcm.rate);
         sampleFormat.channels = uint8_t(pcm.channels);
+        // A short buffer (100 ms), so that a prompt cut off stops at once and the writer's
+        // thread never waits long.
+        pa_buffer_attr buffer;
+        buffer.maxlength = uint32_t(-1);
+        buffer.tlength = uint32_t(pa_usec_to_bytes(100000, &sampleFormat));
+        buffer.prebuf = uint32_t(-1);
+        buffer.minreq = uint32_t(-1);
+        buffer.fragsize = uint32_t(-1);
         int error = 0;
         pa_simple* s = pa_simple_new(nullptr, "rvowebSocketServer", PA_STREAM_PLAYBACK, nullptr, "voice prompt", &sampleFormat,
-                                     nullptr, nullptr, &error);
+                                     nullptr, &buffer, &error);
         if (!s) {
             *why = QStringLiteral("PulseAudio: %1").arg(QString::fromUtf8(pa_strerror(error)));
             return nullptr;
         }
         return std::unique_ptr<Sink>(new PulseSink(s));
     }
-    ~PulseSink() override { pa_simple_free(m_s); }
+    ~PulseSink() override
+    {
+        pa_simple_flush(m_s, nullptr);
+        pa_simple_free(m_s);
+    }
     bool write(const char* data, size_t bytes) override { return pa_simple_write(m_s, data, bytes, nullptr) == 0; }
-    void drain() { pa_simple_drain(m_s, nullptr); }
+    void finish() override { pa_simple_drain(m_s, nullptr); }
 
 private:
     explicit PulseSink(pa_simple* s) : m_s(s) {}
@@ -108,7 +123,7 @@ public:
         int rv = snd_pcm_open(&handle, "default", SND_PCM_STREAM_PLAYBACK, 0);
         if (rv >= 0)
             rv = snd_pcm_set_params(handle, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, unsigned(pcm.channels),
-                                    unsigned(pcm.rate), 1, 200000);
+                                    unsigned(pcm.rate), 1, 100000);
         if (rv < 0) {
             *why += QStringLiteral("; ALSA: %1").arg(QString::fromUtf8(snd_strerror(rv)));
             if (handle)
@@ -122,6 +137,7 @@ public:
         snd_pcm_drop(m_handle);
         snd_pcm_close(m_handle);
     }
+    void finish() override { snd_pcm_drain(m_handle); }
     bool write(const char* data, size_t bytes) override
     {
         snd_pcm_uframes_t frames = bytes / (2 * size_t(m_channels));
@@ -162,10 +178,8 @@ public:
                     break;
                 }
             }
-            if (!m_stop) {
-                if (auto* pulse = dynamic_cast<PulseSink*>(sink.get()))
-                    pulse->drain();
-            }
+            if (!m_stop)
+                sink->finish();
         });
     }
 
