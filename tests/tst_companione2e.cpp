@@ -1,0 +1,180 @@
+// The page and signing commands through the real browser helper and signing service, started by
+// their scripts as on a counter terminal, in a private TMPDIR. The browser is a stub that records
+// its arguments; the service signs unattended, and the signed PDF is rendered to find the ink.
+#include "fixture.h"
+
+#include "companion/signsouthinterface.h"
+#include "dispatch/messagerun.h"
+#include "transport/websocketservermanager.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QJsonDocument>
+#include <QPainter>
+#include <QPdfWriter>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTest>
+#include <QUrl>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+// A page of the manager; stop-preview answers, which every page leaving causes, are ignored.
+class CounterPage : public Page {
+public:
+    explicit CounterPage(WebSocketServerManager& mgr)
+    {
+        connect(&ws, &QWebSocket::textMessageReceived, [this](const QString& m) {
+            if (m.startsWith(QLatin1String("BeginbStopPlay")))
+                got.removeAll(m);
+        });
+        const int before = mgr.clientCount();
+        open(mgr.serverPort());
+        waitFor([&] { return mgr.clientCount() > before; });
+    }
+    QString ask(const QString& text) { got.clear(); ws.sendTextMessage(text); return next(15000); }
+};
+
+// The bounding box of the dark pixels of one page rendered at 72 dpi (one pixel a point).
+QRect inkOn(const QString& pdf, int page, const QString& dir)
+{
+    const QString prefix = dir + QStringLiteral("/render");
+    QProcess::execute(QStringLiteral("pdftoppm"), {"-r", "72", "-png", "-singlefile", "-f", QString::number(page), "-l",
+                                                   QString::number(page), pdf, prefix});
+    const QImage image(prefix + QStringLiteral(".png"));
+    QFile::remove(prefix + QStringLiteral(".png"));
+    QRect ink;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            if (qGray(image.pixel(x, y)) < 128)
+                ink = ink.united(QRect(x, y, 1, 1));
+    return ink;
+}
+
+}  // namespace
+
+class TestCompanionE2E : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_tmp;
+    std::unique_ptr<WebSocketServerManager> m_mgr;
+    std::unique_ptr<CounterPage> m_page;
+
+    QString stubArgs() const { return QString::fromUtf8(readFile(m_tmp.path() + "/chromium.args")); }
+
+    // A two-page A4 PDF (595 x 842 points), blank.
+    QString makePdf(const QString& name)
+    {
+        const QString path = m_tmp.path() + QLatin1Char('/') + name;
+        QPdfWriter writer(path);
+        writer.setPageSize(QPageSize(QPageSize::A4));
+        writer.setPageMargins(QMarginsF());
+        QPainter painter(&writer);
+        writer.newPage();
+        painter.end();
+        return path;
+    }
+
+private slots:
+    void initTestCase()
+    {
+        if (QStandardPaths::findExecutable("pdftoppm").isEmpty())
+            QSKIP("pdftoppm (poppler-utils) is not installed");
+        qputenv("TMPDIR", m_tmp.path().toUtf8());
+        qputenv("RVO_COMPANION_WAIT_MS", "1000");
+        qputenv("ELECSIGN_AUTOSIGN", "1");
+        // The browser: a stub in PATH that writes down its arguments.
+        QVERIFY(writeFile(m_tmp.path() + "/bin/chromium",
+                          "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$TMPDIR/chromium.args.new\"\n"
+                          "mv \"$TMPDIR/chromium.args.new\" \"$TMPDIR/chromium.args\"\nexec sleep 3\n"));
+        QFile::setPermissions(m_tmp.path() + "/bin/chromium", QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+        qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
+        m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
+        QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
+        m_page = std::make_unique<CounterPage>(*m_mgr);
+    }
+    void cleanupTestCase()
+    {
+        m_page.reset();
+        m_mgr.reset();
+        // The programs are stopped through the PID in their lock files. Each command starts the
+        // script again, so a late copy may take the lock once the first is gone: look again.
+        for (int round = 0; round < 3; ++round) {
+            QTest::qWait(700);
+            for (const char* name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
+                const qint64 pid = readFile(m_tmp.path() + "/" + name + ".lock").split('\n').value(0).toLongLong();
+                if (pid > 0 && ::kill(pid_t(pid), SIGTERM) == 0)
+                    waitFor([pid] { return ::kill(pid_t(pid), 0) != 0; });
+            }
+        }
+    }
+
+    void pages_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("url");
+        const QString site = QUrl::fromLocalFile(QCoreApplication::applicationDirPath() + "/webSite/").toString(QUrl::FullyEncoded);
+        QTest::newRow("teller") << "GWQ_TellerInfo(no=12,name=Li)" << site + "teller.html#no%3D12%2Cname%3DLi";
+        QTest::newRow("call, then replaced") << "GWQ_CallNumber(no=7)" << site + "callNo.html#no%3D7";
+        QTest::newRow("OpenURL as it is") << "OpenURL(http://127.0.0.1:9/a?b=1,c=(2))" << "http://127.0.0.1:9/a?b=1,c=(2)";
+    }
+    void pages()
+    {
+        QFETCH(QString, command);
+        QFETCH(QString, url);
+        const QString name = command.left(command.indexOf('('));
+        QCOMPARE(m_page->ask(command), QStringLiteral("Begin%1trueEnd%1").arg(name));
+        QCOMPARE(m_page->next(10000), "BeginWebBrowseropened " + url + "EndWebBrowser");
+        QVERIFY(waitFor([&] { return stubArgs().contains(url); }));
+        // One screen: neither kiosk nor positioned.
+        QVERIFY2(stubArgs().startsWith("--window-size=1280,800\n--new-window\n" + url + "\n"), qPrintable(stubArgs()));
+    }
+
+    void signing_data()
+    {
+        QTest::addColumn<QString>("location");
+        QTest::addColumn<QString>("retain");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<int>("page");
+        QTest::addColumn<QRect>("place");
+        QTest::newRow("page 2, kept beside") << "2.100.200.150" << "1" << 0 << 2 << QRect(100, 200, 150, 150);
+        QTest::newRow("page 1, height given, replaced") << "1.300.500.200.80" << "0" << 0 << 1 << QRect(300, 500, 200, 80);
+        QTest::newRow("page out of range") << "3.1.1.10" << "1" << 1 << 0 << QRect();
+        QTest::newRow("no such file") << "1.1.1.10" << "missing" << 1 << 0 << QRect();
+    }
+    void signing()
+    {
+        QFETCH(QString, location);
+        QFETCH(QString, retain);
+        QFETCH(int, code);
+        QFETCH(int, page);
+        QFETCH(QRect, place);
+        const QString pdf = makePdf(QString::fromLatin1(QTest::currentDataTag()).replace(' ', '_').replace(',', '_') + ".pdf");
+        const QString asked = retain == "missing" ? pdf + ".none" : pdf;
+        QCOMPARE(m_page->ask(QStringLiteral("DoGWQ_StartSign(%1,x.xml,%2,%3,30)").arg(asked, location, retain)),
+                 QStringLiteral("BeginDoGWQ_StartSigntrueEndDoGWQ_StartSign"));
+        const QJsonObject answer = QJsonDocument::fromJson(m_page->next(20000).toUtf8()).object();
+        QCOMPARE(answer.value("code").toInt(-1), code);
+        QCOMPARE(answer.value("pdfpath").toString(), asked);
+        if (code != 0) {
+            QVERIFY(!answer.value("msg").toString().isEmpty());
+            return;
+        }
+        const QString signedPath = retain == "1" ? pdf.chopped(4) + "_signed.pdf" : pdf;
+        QCOMPARE(answer.value("signedpath").toString(), signedPath);
+        QVERIFY(QImage::fromData(QByteArray::fromBase64(answer.value("signature").toString().toLatin1())).width() > 0);
+        QVERIFY(answer.value("strokes").toArray().size() > 0);
+        const QRect ink = inkOn(signedPath, page, m_tmp.path());
+        QVERIFY2(place.contains(ink) && ink.width() > place.width() / 2, qPrintable(QStringLiteral("ink at %1,%2 %3x%4")
+                                                                                      .arg(ink.x()).arg(ink.y()).arg(ink.width()).arg(ink.height())));
+        QVERIFY(inkOn(signedPath, 3 - page, m_tmp.path()).isNull());
+    }
+};
+
+QTEST_MAIN(TestCompanionE2E)
+#include "tst_companione2e.moc"
