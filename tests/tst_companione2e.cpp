@@ -67,8 +67,8 @@ class TestCompanionE2E : public QObject {
 
     QString stubArgs() const { return QString::fromUtf8(readFile(m_tmp.path() + "/chromium.args")); }
 
-    // A two-page A4 PDF (595 x 842 points), blank.
-    QString makePdf(const QString& name)
+    // A two-page A4 PDF (595 x 842 points), blank; rotate turns the given page when shown.
+    QString makePdf(const QString& name, int page, int rotate)
     {
         const QString path = m_tmp.path() + QLatin1Char('/') + name;
         QPdfWriter writer(path);
@@ -77,6 +77,16 @@ class TestCompanionE2E : public QObject {
         QPainter painter(&writer);
         writer.newPage();
         painter.end();
+        if (rotate) {
+            // Same length in place of the page's media box, so every offset in the file still holds.
+            QByteArray pdf = readFile(path);
+            const QByteArray box("/MediaBox [0 0 595.000000 842.000000]");
+            int at = -1;
+            for (int i = 0; i < page; ++i)
+                at = pdf.indexOf(box, at + 1);
+            pdf.replace(at, box.size(), ("/Rotate " + QByteArray::number(rotate) + " /MediaBox [0 0 595 842]").leftJustified(box.size()));
+            writeFile(path, pdf);
+        }
         return path;
     }
 
@@ -142,10 +152,14 @@ private slots:
         QTest::addColumn<int>("code");
         QTest::addColumn<int>("page");
         QTest::addColumn<QRect>("place");
-        QTest::newRow("page 2, kept beside") << "2.100.200.150" << "1" << 0 << 2 << QRect(100, 200, 150, 150);
-        QTest::newRow("page 1, height given, replaced") << "1.300.500.200.80" << "0" << 0 << 1 << QRect(300, 500, 200, 80);
-        QTest::newRow("page out of range") << "3.1.1.10" << "1" << 1 << 0 << QRect();
-        QTest::newRow("no such file") << "1.1.1.10" << "missing" << 1 << 0 << QRect();
+        QTest::addColumn<int>("rotate");
+        QTest::newRow("page 2, kept beside") << "2.100.200.150" << "1" << 0 << 2 << QRect(100, 200, 150, 150) << 0;
+        QTest::newRow("page 1, height given, replaced") << "1.300.500.200.80" << "0" << 0 << 1 << QRect(300, 500, 200, 80) << 0;
+        QTest::newRow("turned 90") << "1.600.100.200.80" << "1" << 0 << 1 << QRect(600, 100, 200, 80) << 90;
+        QTest::newRow("turned 180") << "2.50.600.200.80" << "1" << 0 << 2 << QRect(50, 600, 200, 80) << 180;
+        QTest::newRow("turned 270") << "2.400.450.200.80" << "1" << 0 << 2 << QRect(400, 450, 200, 80) << 270;
+        QTest::newRow("page out of range") << "3.1.1.10" << "1" << 1 << 0 << QRect() << 0;
+        QTest::newRow("no such file") << "1.1.1.10" << "missing" << 1 << 0 << QRect() << 0;
     }
     void signing()
     {
@@ -154,7 +168,9 @@ private slots:
         QFETCH(int, code);
         QFETCH(int, page);
         QFETCH(QRect, place);
-        const QString pdf = makePdf(QString::fromLatin1(QTest::currentDataTag()).replace(' ', '_').replace(',', '_') + ".pdf");
+        QFETCH(int, rotate);
+        const QString pdf = makePdf(QString::fromLatin1(QTest::currentDataTag()).replace(' ', '_').replace(',', '_') + ".pdf",
+                                    page, rotate);
         const QString asked = retain == "missing" ? pdf + ".none" : pdf;
         QCOMPARE(m_page->ask(QStringLiteral("DoGWQ_StartSign(%1,x.xml,%2,%3,30)").arg(asked, location, retain)),
                  QStringLiteral("BeginDoGWQ_StartSigntrueEndDoGWQ_StartSign"));
