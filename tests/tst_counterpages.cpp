@@ -1,0 +1,159 @@
+// The counter pages in headless Chromium, driven over its DevTools socket: each shows the data
+// it is opened with, asks the server with "@" when opened without any, and the customer's
+// rating reaches the teller's page.
+#include "fixture.h"
+
+#include "companion/webbrowser.h"
+#include "transport/websocketservermanager.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTest>
+#include <QUrl>
+
+#include <memory>
+
+#ifndef RVO_SITE_DIR
+#error "RVO_SITE_DIR must name the counter pages' folder"
+#endif
+
+namespace {
+
+// One DevTools connection to the browser; pages are targets attached in flat mode.
+class DevTools : public QObject {
+public:
+    bool open(const QString& url)
+    {
+        connect(&ws, &QWebSocket::textMessageReceived, this, [this](const QString& m) {
+            const QJsonObject o = QJsonDocument::fromJson(m.toUtf8()).object();
+            if (o.contains("id"))
+                replies.insert(o.value("id").toInt(), o);
+        });
+        ws.open(QUrl(url));
+        return waitFor([this] { return ws.state() == QAbstractSocket::ConnectedState; });
+    }
+    QJsonObject call(const QString& method, const QJsonObject& params, const QString& session = QString())
+    {
+        QJsonObject o{{"id", ++lastId}, {"method", method}, {"params", params}};
+        if (!session.isEmpty())
+            o.insert("sessionId", session);
+        ws.sendTextMessage(QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact)));
+        const int id = lastId;
+        waitFor([&] { return replies.contains(id); }, 10000);
+        return replies.take(id).value("result").toObject();
+    }
+    // Opens url in a new tab; the session to talk to it.
+    QString page(const QString& url)
+    {
+        const QString target = call("Target.createTarget", {{"url", url}}).value("targetId").toString();
+        return call("Target.attachToTarget", {{"targetId", target}, {"flatten", true}}).value("sessionId").toString();
+    }
+    QString eval(const QString& session, const QString& expression)
+    {
+        const QJsonObject r = call("Runtime.evaluate", {{"expression", expression}, {"returnByValue", true}}, session);
+        return r.value("result").toObject().value("value").toString();
+    }
+    // Evaluates until the page gives want (the last value otherwise).
+    QString until(const QString& session, const QString& expression, const QString& want)
+    {
+        QString got;
+        waitFor([&] { return (got = eval(session, expression)) == want; }, 8000);
+        return got;
+    }
+
+    QWebSocket ws;
+    QHash<int, QJsonObject> replies;
+    int lastId = 0;
+};
+
+QString pageUrl(const QString& file, const QString& query, const QString& data)
+{
+    QString url = QUrl::fromLocalFile(QStringLiteral(RVO_SITE_DIR "/") + file).toString(QUrl::FullyEncoded) + query;
+    if (!data.isEmpty())
+        url += QLatin1Char('#') + QString::fromLatin1(QUrl::toPercentEncoding(data));
+    return url;
+}
+
+const char* kShown = "[...document.querySelectorAll('main [id]:not(table):not(button), main td')].map(e => e.textContent.trim()).join('|')";
+
+}  // namespace
+
+class TestCounterPages : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_profile;
+    QProcess m_browser;
+    DevTools m_tools;
+    std::unique_ptr<WebSocketServerManager> m_mgr;
+
+private slots:
+    void initTestCase()
+    {
+        const QString chromium = QStandardPaths::findExecutable("chromium");
+        if (chromium.isEmpty())
+            QSKIP("chromium is not installed");
+        m_browser.start(chromium, {"--headless", "--no-sandbox", "--disable-gpu", "--remote-debugging-port=0",
+                                   "--user-data-dir=" + m_profile.path(), "about:blank"});
+        const QString portFile = m_profile.path() + "/DevToolsActivePort";
+        QVERIFY(waitFor([&] { return readFile(portFile).count('\n') >= 1; }, 15000));
+        const QList<QByteArray> lines = readFile(portFile).split('\n');
+        QVERIFY(m_tools.open(QStringLiteral("ws://127.0.0.1:%1%2").arg(QString(lines[0]), QString(lines[1]))));
+        m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
+        QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
+    }
+    void cleanupTestCase()
+    {
+        m_mgr.reset();
+        if (m_browser.state() != QProcess::NotRunning) {
+            m_browser.terminate();
+            if (!m_browser.waitForFinished(5000))
+                m_browser.kill();
+        }
+    }
+
+    void shows_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QString>("data");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("callNo") << "callNo.html" << "no=12,window=3" << "12|3";
+        QTest::newRow("pay, JSON") << "pay.html" << R"({"amount":"30.5","items":[{"name":"工本费","amount":10}]})"
+                                   << "工本费|¥ 10.00|¥ 30.50";
+        QTest::newRow("infoExchange") << "infoExchange.html" << "姓名=李四,电话=13800000000" << "姓名|李四|电话|13800000000|";
+        QTest::newRow("teller, photo") << "teller.html"
+                                       << R"({"no":"8","name":"王五","photo":"data:image/png;base64,iVBORw0KGgo="})"
+                                       << "data:image/png;base64,iVBORw0KGgo=|王五|8";
+        QTest::newRow("evaluate") << "evaluate.html" << "no=3,name=赵六" << "赵六|3|";
+    }
+    void shows()
+    {
+        QFETCH(QString, file);
+        QFETCH(QString, data);
+        QFETCH(QString, shown);
+        const QString session = m_tools.page(pageUrl(file, QString(), data));
+        QVERIFY(!session.isEmpty());
+        const QString expr = QString::fromLatin1(kShown).replace("e.textContent.trim()", "(e.src || e.textContent).trim()");
+        QCOMPARE(m_tools.until(session, expr, shown), shown);
+    }
+
+    // Opened without data, the page asks the server with "@"; the rating goes to the teller.
+    void ratingReachesTeller()
+    {
+        Page teller;
+        QVERIFY(teller.open(m_mgr->serverPort()));
+        teller.ws.sendTextMessage("WebbrowserExit()");
+        QCOMPARE(teller.next(), QStringLiteral("BeginWebbrowserExittrueEndWebbrowserExit"));
+        WebBrowser::instance()->setPageData("no=3,name=赵六");
+        const QString session = m_tools.page(pageUrl("evaluate.html", QStringLiteral("?ws=ws://127.0.0.1:%1").arg(m_mgr->serverPort()), QString()));
+        QCOMPARE(m_tools.until(session, kShown, "赵六|3|"), QStringLiteral("赵六|3|"));
+        m_tools.eval(session, "document.querySelector('[data-evaluate=\"4\"]').click()");
+        QCOMPARE(teller.next(8000), QStringLiteral("{\"evaluate\":4}"));
+        QCOMPARE(m_tools.until(session, kShown, "赵六|3|感谢您的评价"), QStringLiteral("赵六|3|感谢您的评价"));
+    }
+};
+
+QTEST_MAIN(TestCounterPages)
+#include "tst_counterpages.moc"
