@@ -24,22 +24,6 @@
 
 namespace {
 
-// A page of the manager; stop-preview answers, which every page leaving causes, are ignored.
-class CounterPage : public Page {
-public:
-    explicit CounterPage(WebSocketServerManager& mgr)
-    {
-        connect(&ws, &QWebSocket::textMessageReceived, [this](const QString& m) {
-            if (m.startsWith(QLatin1String("BeginbStopPlay")))
-                got.removeAll(m);
-        });
-        const int before = mgr.clientCount();
-        open(mgr.serverPort());
-        waitFor([&] { return mgr.clientCount() > before; });
-    }
-    QString ask(const QString& text) { got.clear(); ws.sendTextMessage(text); return next(15000); }
-};
-
 // The bounding box of the dark pixels of one page rendered at 72 dpi (one pixel a point).
 QRect inkOn(const QString& pdf, int page, const QString& dir)
 {
@@ -63,7 +47,7 @@ class TestCompanionE2E : public QObject {
 
     QTemporaryDir m_tmp;
     std::unique_ptr<WebSocketServerManager> m_mgr;
-    std::unique_ptr<CounterPage> m_page;
+    std::unique_ptr<ServerPage> m_page;
 
     QString stubArgs() const { return QString::fromUtf8(readFile(m_tmp.path() + "/chromium.args")); }
 
@@ -106,7 +90,7 @@ private slots:
         qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
         m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
         QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
-        m_page = std::make_unique<CounterPage>(*m_mgr);
+        m_page = std::make_unique<ServerPage>(*m_mgr);
     }
     void cleanupTestCase()
     {
@@ -138,7 +122,7 @@ private slots:
         QFETCH(QString, command);
         QFETCH(QString, url);
         const QString name = command.left(command.indexOf('('));
-        QCOMPARE(m_page->ask(command), QStringLiteral("Begin%1trueEnd%1").arg(name));
+        QCOMPARE(m_page->ask(command, 15000), QStringLiteral("Begin%1trueEnd%1").arg(name));
         QCOMPARE(m_page->next(10000), "BeginWebBrowseropened " + url + "EndWebBrowser");
         QVERIFY(waitFor([&] { return stubArgs().contains(url); }));
         // One screen: neither kiosk nor positioned.
@@ -172,7 +156,7 @@ private slots:
         const QString pdf = makePdf(QString::fromLatin1(QTest::currentDataTag()).replace(' ', '_').replace(',', '_') + ".pdf",
                                     page, rotate);
         const QString asked = retain == "missing" ? pdf + ".none" : pdf;
-        QCOMPARE(m_page->ask(QStringLiteral("DoGWQ_StartSign(%1,x.xml,%2,%3,30)").arg(asked, location, retain)),
+        QCOMPARE(m_page->ask(QStringLiteral("DoGWQ_StartSign(%1,x.xml,%2,%3,30)").arg(asked, location, retain), 15000),
                  QStringLiteral("BeginDoGWQ_StartSigntrueEndDoGWQ_StartSign"));
         const QJsonObject answer = QJsonDocument::fromJson(m_page->next(20000).toUtf8()).object();
         QCOMPARE(answer.value("code").toInt(-1), code);

@@ -46,22 +46,6 @@ public:
     QByteArray got;
 };
 
-// A page of the manager; stop-preview answers, which every page leaving causes, are ignored.
-class CounterPage : public Page {
-public:
-    explicit CounterPage(WebSocketServerManager& mgr)
-    {
-        connect(&ws, &QWebSocket::textMessageReceived, [this](const QString& m) {
-            if (m.startsWith(QLatin1String("BeginbStopPlay")))
-                got.removeAll(m);
-        });
-        const int before = mgr.clientCount();
-        open(mgr.serverPort());
-        waitFor([&] { return mgr.clientCount() > before; });
-    }
-    QString ask(const QString& text) { got.clear(); ws.sendTextMessage(text); return next(5000); }
-};
-
 QString json(const char* location, const char* pdf, const char* retain, int timeout)
 {
     return QStringLiteral("{\n    \"location\": \"%1\",\n    \"pdfpath\": \"%2\",\n    \"retain\": \"%3\",\n"
@@ -77,7 +61,7 @@ class TestCompanions : public QObject {
     QTemporaryDir m_tmp;
     std::unique_ptr<WebSocketServerManager> m_mgr;
     std::unique_ptr<FakeService> m_sign, m_browser;
-    std::unique_ptr<CounterPage> m_teller, m_other;
+    std::unique_ptr<ServerPage> m_teller, m_other;
 
 private slots:
     void initTestCase()
@@ -90,8 +74,8 @@ private slots:
         QVERIFY(m_sign->server.fullServerName().startsWith(m_tmp.path()));
         m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
         QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
-        m_teller = std::make_unique<CounterPage>(*m_mgr);
-        m_other = std::make_unique<CounterPage>(*m_mgr);
+        m_teller = std::make_unique<ServerPage>(*m_mgr);
+        m_other = std::make_unique<ServerPage>(*m_mgr);
     }
     void cleanupTestCase()
     {
@@ -100,33 +84,49 @@ private slots:
         m_mgr.reset();
     }
 
-    void signingFrames_data()
+    // The frames each command sends, byte for byte; the other companion's client is dropped first.
+    void frames_data()
     {
         QTest::addColumn<QString>("command");
         QTest::addColumn<QByteArray>("frame");
         QTest::addColumn<bool>("connected");
-        const auto frame = [](qint32 type, const QString& j) { return int32(type) + field(j.toUtf8()); };
-        QTest::newRow("sign") << "DoGWQ_StartSign(a.pdf,b.xml,1.2.3.4,1,30)" << frame(1, json("1,2,3,4", "a.pdf", "1", 30)) << true;
+        const auto sign = [](qint32 type, const QString& j) { return int32(type) + field(j.toUtf8()); };
+        const QByteArray site = (QCoreApplication::applicationDirPath() + "/webSite/").toUtf8();
+        const auto page = [&](const char* file, const QByteArray& data) { return int32(2) + field(site + file) + field(data); };
+        QTest::newRow("sign") << "DoGWQ_StartSign(a.pdf,b.xml,1.2.3.4,1,30)" << sign(1, json("1,2,3,4", "a.pdf", "1", 30)) << true;
         QTest::newRow("Ex, timeout not a number") << "DoGWQ_StartSignEx(a.pdf,b.xml,1.2.3.4,0,x)"
-                                                  << frame(2, json("1,2,3,4", "a.pdf", "0", 0)) << true;
+                                                  << sign(2, json("1,2,3,4", "a.pdf", "0", 0)) << true;
         QTest::newRow("five numbers, UTF-8 path") << "DoGWQ_StartSign(合同.pdf,b.xml,2.10.20.30.40,1,0)"
-                                                  << frame(1, json("2,10,20,30,40", "合同.pdf", "1", 0)) << true;
+                                                  << sign(1, json("2,10,20,30,40", "合同.pdf", "1", 0)) << true;
         QTest::newRow("three numbers: kept connected") << "DoGWQ_StartSign(a.pdf,b.xml,1.2.3,1,30)" << QByteArray() << true;
         QTest::newRow("four fields: disconnected") << "DoGWQ_StartSign(a.pdf,b.xml,1.2.3.4,1)" << QByteArray() << false;
+        QTest::newRow("teller") << "GWQ_TellerInfo(no=12,name=Li)" << page("teller.html", "no=12,name=Li") << true;
+        QTest::newRow("call") << "GWQ_CallNumber(no=7,window=3)" << page("callNo.html", "no=7,window=3") << true;
+        QTest::newRow("pay, parentheses and JSON") << "GWQ_PaymentInfo({\"amount\":\"1(2)\"})" << page("pay.html", "{\"amount\":\"1(2)\"}") << true;
+        QTest::newRow("info, UTF-8") << "DoGWQ_StartInfo(姓名=李四)" << page("infoExchange.html", "姓名=李四") << true;
+        QTest::newRow("evaluate, no data") << "DoGWQ_StartEvaluator()" << page("evaluate.html", "") << true;
+        QTest::newRow("OpenURL, whole text") << "OpenURL(http://h/p?a=1,b=(2))" << int32(1) + field("http://h/p?a=1,b=(2)") << true;
     }
-    void signingFrames()
+    void frames()
     {
         QFETCH(QString, command);
         QFETCH(QByteArray, frame);
         QFETCH(bool, connected);
-        QVERIFY(m_browser->server.isListening());
-        m_teller->ask(QStringLiteral("GWQ_CallNumber(no=1)"));
-        QVERIFY(Webbrowsersouthinterface::instance()->isConnected());
         const QString name = command.left(command.indexOf('('));
+        const bool signing = name.startsWith("DoGWQ_StartSign");
+        m_teller->ask(signing ? "GWQ_CallNumber(no=1)" : "DoGWQ_StartSign(a.pdf,b.xml,1.2.3.4,1,30)");
+        QVERIFY(SignSouthInterface::instance()->isConnected() != signing);
         QCOMPARE(m_teller->ask(command), QStringLiteral("Begin%1%2End%1").arg(name, frame.isEmpty() ? "false" : "true"));
-        QCOMPARE(m_sign->receive(frame.size()), frame);
-        QCOMPARE(SignSouthInterface::instance()->isConnected(), connected);
-        QVERIFY(!Webbrowsersouthinterface::instance()->isConnected());
+        QCOMPARE((signing ? m_sign : m_browser)->receive(frame.size()), frame);
+        QCOMPARE(SignSouthInterface::instance()->isConnected(), signing && connected);
+        QCOMPARE(Webbrowsersouthinterface::instance()->isConnected(), !signing);
+        if (!signing && frame.startsWith(int32(2))) {
+            // "@" answers with the page's data, and only the page that asked
+            const QString answer = m_other->ask(QStringLiteral("@x"));
+            QVERIFY(!answer.isNull());
+            QCOMPARE(answer, command.mid(name.size() + 1).chopped(1));
+            QVERIFY(m_teller->drain().isEmpty());
+        }
     }
 
     // The service's answers: length-prefixed, forwarded to every page only past 100 bytes,
@@ -174,7 +174,7 @@ private slots:
             m_sign->peer->disconnectFromServer();
         if (!log.isEmpty())
             QVERIFY(waitFor([&] { return captured.contains(log); }));
-        for (CounterPage* page : {m_teller.get(), m_other.get()}) {
+        for (ServerPage* page : {m_teller.get(), m_other.get()}) {
             if (!forwarded.isEmpty())
                 QCOMPARE(page->next(10000).toLatin1(), forwarded);
             QVERIFY(page->drain().isEmpty());
@@ -182,39 +182,6 @@ private slots:
         if (!log.isEmpty() && !closes) {
             m_sign->peer->write(field(QByteArray(120, 'z')));
             QCOMPARE(m_other->next(), QString(120, 'z'));
-        }
-    }
-
-    void pageFrames_data()
-    {
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QByteArray>("frame");
-        const QByteArray site = (QCoreApplication::applicationDirPath() + "/webSite/").toUtf8();
-        const auto page = [&](const char* file, const QByteArray& data) { return int32(2) + field(site + file) + field(data); };
-        QTest::newRow("teller") << "GWQ_TellerInfo(no=12,name=Li)" << page("teller.html", "no=12,name=Li");
-        QTest::newRow("call") << "GWQ_CallNumber(no=7,window=3)" << page("callNo.html", "no=7,window=3");
-        QTest::newRow("pay, parentheses and JSON") << "GWQ_PaymentInfo({\"amount\":\"1(2)\"})" << page("pay.html", "{\"amount\":\"1(2)\"}");
-        QTest::newRow("info, UTF-8") << "DoGWQ_StartInfo(姓名=李四)" << page("infoExchange.html", "姓名=李四");
-        QTest::newRow("evaluate, no data") << "DoGWQ_StartEvaluator()" << page("evaluate.html", "");
-        QTest::newRow("OpenURL, whole text") << "OpenURL(http://h/p?a=1,b=(2))" << int32(1) + field("http://h/p?a=1,b=(2)");
-    }
-    void pageFrames()
-    {
-        QFETCH(QString, command);
-        QFETCH(QByteArray, frame);
-        m_teller->ask(QStringLiteral("DoGWQ_StartSign(a.pdf,b.xml,1.2.3.4,1,30)"));
-        QVERIFY(SignSouthInterface::instance()->isConnected());
-        const QString name = command.left(command.indexOf('('));
-        QCOMPARE(m_teller->ask(command), QStringLiteral("Begin%1trueEnd%1").arg(name));
-        QCOMPARE(m_browser->receive(frame.size()), frame);
-        QVERIFY(!SignSouthInterface::instance()->isConnected());
-        if (frame.startsWith(int32(2))) {
-            // "@" answers with the page's data, and only the page that asked
-            const QString data = command.mid(name.size() + 1).chopped(1);
-            const QString answer = m_other->ask(QStringLiteral("@x"));
-            QVERIFY(!answer.isNull());
-            QCOMPARE(answer, data);
-            QVERIFY(m_teller->drain().isEmpty());
         }
     }
 

@@ -158,14 +158,8 @@ private slots:
         QFETCH(QString, told);
         // Any page leaving clears the current page: the last row's pages are gone first.
         QVERIFY(waitFor([&] { return m_mgr->clientCount() == 0; }));
-        Page teller;  // a page leaving stops the preview, and every page hears how that went
-        QObject::connect(&teller.ws, &QWebSocket::textMessageReceived, [&](const QString& m) {
-            if (m.startsWith(QLatin1String("BeginbStopPlay")))
-                teller.got.removeAll(m);
-        });
-        QVERIFY(teller.open(m_mgr->serverPort()));
-        teller.ws.sendTextMessage("WebbrowserExit()");
-        QCOMPARE(teller.next(), QStringLiteral("BeginWebbrowserExittrueEndWebbrowserExit"));
+        ServerPage teller(*m_mgr);
+        QCOMPARE(teller.ask("WebbrowserExit()"), QStringLiteral("BeginWebbrowserExittrueEndWebbrowserExit"));
         WebBrowser::instance()->setPageData("no=3,name=赵六");
         const QString session = m_tools.page(pageUrl(file, QStringLiteral("?ws=ws://127.0.0.1:%1").arg(m_mgr->serverPort()), QString()));
         QCOMPARE(m_tools.until(session, kShown, shown), shown);
