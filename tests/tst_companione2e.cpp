@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QJsonDocument>
 #include <QPainter>
@@ -80,7 +81,7 @@ private slots:
         if (QStandardPaths::findExecutable("pdftoppm").isEmpty())
             QSKIP("pdftoppm (poppler-utils) is not installed");
         qputenv("TMPDIR", m_tmp.path().toUtf8());
-        qputenv("RVO_COMPANION_WAIT_MS", "1000");
+        qputenv("RVO_COMPANION_WAIT_MS", "300");
         qputenv("ELECSIGN_AUTOSIGN", "1");
         // The browser: a stub in PATH that writes down its arguments.
         QVERIFY(writeFile(m_tmp.path() + "/bin/chromium",
@@ -88,6 +89,13 @@ private slots:
                           "mv \"$TMPDIR/chromium.args.new\" \"$TMPDIR/chromium.args\"\nexec sleep 3\n"));
         QFile::setPermissions(m_tmp.path() + "/bin/chromium", QFileDevice::ReadOwner | QFileDevice::ExeOwner);
         qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
+        // Started once here, so the commands' short waits need not cover a program's start-up.
+        const QStringList scripts{"/run-webbrowser.sh", "/run-elecsign.sh"};
+        for (const QString& name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
+            const QString script = scripts[name.endsWith("BROWSER") ? 0 : 1];
+            QProcess::startDetached("/bin/bash", {QCoreApplication::applicationDirPath() + script});
+            QVERIFY(waitFor([&] { return QFileInfo::exists(m_tmp.path() + "/" + name); }, 15000));
+        }
         m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
         QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
         m_page = std::make_unique<ServerPage>(*m_mgr);
