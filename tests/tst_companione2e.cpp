@@ -91,7 +91,7 @@ private slots:
         qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
         // Started once here, so the commands' short waits need not cover a program's start-up.
         const QStringList scripts{"/run-webbrowser.sh", "/run-elecsign.sh"};
-        for (const QString& name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
+        for (const QString name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
             const QString script = scripts[name.endsWith("BROWSER") ? 0 : 1];
             QProcess::startDetached("/bin/bash", {QCoreApplication::applicationDirPath() + script});
             QVERIFY(waitFor([&] { return QFileInfo::exists(m_tmp.path() + "/" + name); }, 15000));
