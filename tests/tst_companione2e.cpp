@@ -12,6 +12,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QLocalSocket>
 #include <QJsonDocument>
 #include <QPainter>
 #include <QPdfWriter>
@@ -24,6 +25,8 @@
 #include <memory>
 
 namespace {
+
+QByteArray int32(qint32 v) { return QByteArray(reinterpret_cast<const char*>(&v), 4); }
 
 // The bounding box of the dark pixels of one page rendered at 72 dpi (one pixel a point).
 QRect inkOn(const QString& pdf, int page, const QString& dir)
@@ -135,6 +138,40 @@ private slots:
         QVERIFY(waitFor([&] { return stubArgs().contains(url); }));
         // One screen: neither kiosk nor positioned.
         QVERIFY2(stubArgs().startsWith("--window-size=1280,800\n--new-window\n" + url + "\n"), qPrintable(stubArgs()));
+    }
+
+    // Bad frames straight to the programs: an error answer, and the next frame is served.
+    void refused_data()
+    {
+        QTest::addColumn<QString>("service");
+        QTest::addColumn<QByteArray>("sent");
+        QTest::addColumn<QByteArray>("answer");
+        const QString browser("SOUTHINTERFACE_BROWSER"), sign("SOUTHINTERFACE_ELECSIGNSERVER");
+        QTest::newRow("length over 1 MiB") << browser << int32(1) + int32(1048577) << QByteArray("BeginWebBrowsererror: length 1048577 refusedEndWebBrowser");
+        QTest::newRow("negative length") << browser << int32(2) + int32(1) + "u" + int32(-1) << QByteArray("error: length -1 refused");
+        QTest::newRow("unknown type") << browser << int32(7) << QByteArray("error: unknown frame type 7");
+        QTest::newRow("broken JSON") << sign << int32(1) + int32(5) + "{oops" << QByteArray("{\"code\":1,\"msg\":\"broken JSON");
+        QTest::newRow("unknown request") << sign << int32(9) + int32(2) + "{}" << QByteArray("{\"code\":1,\"msg\":\"unknown request type 9");
+    }
+    void refused()
+    {
+        QFETCH(QString, service);
+        QFETCH(QByteArray, sent);
+        QFETCH(QByteArray, answer);
+        QLocalSocket s;
+        s.connectToServer(service);
+        QVERIFY(s.waitForConnected(5000));
+        QByteArray got;
+        const auto exchange = [&](const QByteArray& bytes, const QByteArray& want) {
+            got.clear();
+            s.write(bytes);
+            return waitFor([&] { return (got += s.readAll()).contains(want); });
+        };
+        QVERIFY2(exchange(sent, answer), got.constData());
+        if (service.endsWith("BROWSER"))
+            QVERIFY2(exchange(int32(1) + int32(1) + "u", "BeginWebBrowseropened uEndWebBrowser"), got.constData());
+        else
+            QVERIFY(got.size() > 104);
     }
 
     void signing_data()
