@@ -206,10 +206,9 @@ private slots:
         const QJsonObject answer = QJsonDocument::fromJson(m_page->next(20000).toUtf8()).object();
         QCOMPARE(answer.value("code").toInt(-1), code);
         QCOMPARE(answer.value("pdfpath").toString(), asked);
-        if (code != 0) {
-            QVERIFY(!answer.value("msg").toString().isEmpty());
+        QVERIFY(!answer.value("msg").toString().isEmpty());
+        if (code != 0)
             return;
-        }
         const QString signedPath = retain == "1" ? pdf.chopped(4) + "_signed.pdf" : pdf;
         QCOMPARE(answer.value("signedpath").toString(), signedPath);
         QVERIFY(QImage::fromData(QByteArray::fromBase64(answer.value("signature").toString().toLatin1())).width() > 0);

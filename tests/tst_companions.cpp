@@ -77,12 +77,7 @@ private slots:
         m_teller = std::make_unique<ServerPage>(*m_mgr);
         m_other = std::make_unique<ServerPage>(*m_mgr);
     }
-    void cleanupTestCase()
-    {
-        m_teller.reset();
-        m_other.reset();
-        m_mgr.reset();
-    }
+    void cleanupTestCase() { m_teller.reset(), m_other.reset(), m_mgr.reset(); }
 
     // The frames each command sends, byte for byte; the other companion's client is dropped first.
     void frames_data()
@@ -123,8 +118,7 @@ private slots:
         if (!signing && frame.startsWith(int32(2))) {
             // "@" answers with the page's data, and only the page that asked
             const QString answer = m_other->ask(QStringLiteral("@x"));
-            QVERIFY(!answer.isNull());
-            QCOMPARE(answer, command.mid(name.size() + 1).chopped(1));
+            QVERIFY(!answer.isNull() && answer == command.mid(name.size() + 1).chopped(1));
             QVERIFY(m_teller->drain().isEmpty());
         }
     }
@@ -162,8 +156,7 @@ private slots:
             for (qint64 at = 0; at < sent.size();) {
                 pollfd p{int(fd), POLLOUT, 0};
                 ::poll(&p, 1, 1000);
-                const ssize_t n = ::write(int(fd), sent.constData() + at, size_t(sent.size() - at));
-                at += n > 0 ? n : 0;
+                at += std::max<ssize_t>(0, ::write(int(fd), sent.constData() + at, size_t(sent.size() - at)));
             }
             written = true;
         });

@@ -29,19 +29,16 @@ public:
     {
         connect(&ws, &QWebSocket::textMessageReceived, this, [this](const QString& m) {
             const QJsonObject o = QJsonDocument::fromJson(m.toUtf8()).object();
-            if (o.contains("id"))
-                replies.insert(o.value("id").toInt(), o);
+            replies.insert(o.value("id").toInt(), o);  // events have no id: 0, never asked for
         });
         ws.open(QUrl(url));
         return waitFor([this] { return ws.state() == QAbstractSocket::ConnectedState; });
     }
     QJsonObject call(const QString& method, const QJsonObject& params, const QString& session = QString())
     {
-        QJsonObject o{{"id", ++lastId}, {"method", method}, {"params", params}};
-        if (!session.isEmpty())
-            o.insert("sessionId", session);
+        const int id = ++lastId;
+        const QJsonObject o{{"id", id}, {"method", method}, {"params", params}, {"sessionId", session}};
         ws.sendTextMessage(QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact)));
-        const int id = lastId;
         waitFor([&] { return replies.contains(id); }, 10000);
         return replies.take(id).value("result").toObject();
     }
@@ -60,8 +57,7 @@ public:
     QString until(const QString& session, const QString& expression, const QString& want)
     {
         QString got;
-        waitFor([&] { return (got = eval(session, expression)) == want; }, 8000);
-        return got;
+        return waitFor([&] { return (got = eval(session, expression)) == want; }, 8000), got;
     }
 
     QWebSocket ws;
