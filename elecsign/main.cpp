@@ -1,6 +1,7 @@
 // The signing service: the customer signs on the pad screen and the signature goes into the
 // contract PDF. It reads requests on the local socket "SOUTHINTERFACE_ELECSIGNSERVER" (type 1:
 // sign the PDF; type 2: the signature only) and answers each with a length-prefixed JSON.
+#include "companion/browserlaunch.h"
 #include "companion/singleservice.h"
 #include "elecsign/signpanel.h"
 #include "elecsign/stamp.h"
@@ -113,14 +114,12 @@ private:
         m_panel = new SignPanel();
         m_panel->setAttribute(Qt::WA_DeleteOnClose);
         connect(m_panel, &SignPanel::confirmed, this, [this] { confirmed(m_panel->signature(), m_panel->strokes()); });
-        const QList<QScreen*> screens = QGuiApplication::screens();
-        QScreen* pad = screens.value(0);
-        for (QScreen* s : screens) {
-            if (pad && s->geometry().width() * s->geometry().height() < pad->geometry().width() * pad->geometry().height())
-                pad = s;
-        }
-        if (pad)
-            m_panel->setGeometry(pad->geometry());
+        // The customer's pad: the smallest screen, chosen as the browser's is.
+        QList<QRect> screens;
+        for (const QScreen* s : QGuiApplication::screens())
+            screens << s->geometry();
+        if (!screens.isEmpty())
+            m_panel->setGeometry(screens.value(browserlaunch::padScreen(screens), screens.first()));
         m_panel->showFullScreen();
         const int timeout = m_job.request.value(QStringLiteral("timeout")).toInt();
         if (timeout > 0)
