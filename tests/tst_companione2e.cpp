@@ -4,6 +4,7 @@
 #include "fixture.h"
 
 #include "companion/signsouthinterface.h"
+#include "companion/webbrowser.h"
 #include "dispatch/messagerun.h"
 #include "transport/websocketservermanager.h"
 
@@ -91,6 +92,7 @@ private slots:
                           "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$TMPDIR/chromium.args.new\"\n"
                           "mv \"$TMPDIR/chromium.args.new\" \"$TMPDIR/chromium.args\"\nexec sleep 3\n"));
         QFile::setPermissions(m_tmp.path() + "/bin/chromium", QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+        QFile::link(m_tmp.path() + "/bin/chromium", m_tmp.path() + "/bin/gnome-www-browser");  // the in-process launcher's
         qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
         // Started once here, so the commands' short waits need not cover a program's start-up.
         const QStringList scripts{"/run-webbrowser.sh", "/run-elecsign.sh"};
@@ -172,6 +174,19 @@ private slots:
             QVERIFY2(exchange(int32(1) + int32(1) + "u", "BeginWebBrowseropened uEndWebBrowser"), got.constData());
         else
             QVERIFY(got.size() > 104);
+    }
+
+    // The in-process launcher: the configured browser with the page's size, not kiosk on one screen.
+    void launcher()
+    {
+        WebBrowser* browser = WebBrowser::instance();
+        const QSize page = browser->settings().padsize;
+        browser->openURL("file:///x.html", "no=1");
+        QCOMPARE(browser->pageData(), QStringLiteral("no=1"));
+        const QString want = QStringLiteral("--window-size=%1,%2\n--new-window\nfile:///x.html\n--user-data-dir=/tmp/veltrobrowser12345\n"
+                                            "--no-first-run\n--no-default-browser-check\n--no-announcement\n").arg(page.width()).arg(page.height());
+        QVERIFY2(waitFor([&] { return stubArgs() == want; }), qPrintable(stubArgs()));
+        browser->closeURL();
     }
 
     void signing_data()
