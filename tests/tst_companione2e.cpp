@@ -28,6 +28,8 @@
 namespace {
 
 QByteArray int32(qint32 v) { return QByteArray(reinterpret_cast<const char*>(&v), 4); }
+const QList<QPair<QString, QString>> kPrograms{{"SOUTHINTERFACE_BROWSER", "/run-webbrowser.sh"},
+                                               {"SOUTHINTERFACE_ELECSIGNSERVER", "/run-elecsign.sh"}};
 
 // The bounding box of the dark pixels of one page rendered at 72 dpi (one pixel a point).
 QRect inkOn(const QString& pdf, int page, const QString& dir)
@@ -61,8 +63,6 @@ class TestCompanionE2E : public QObject {
     {
         const QString path = m_tmp.path() + QLatin1Char('/') + name;
         QPdfWriter writer(path);
-        writer.setPageSize(QPageSize(QPageSize::A4));
-        writer.setPageMargins(QMarginsF());
         QPainter painter(&writer);
         writer.newPage();
         painter.end();
@@ -95,11 +95,9 @@ private slots:
         QFile::link(m_tmp.path() + "/bin/chromium", m_tmp.path() + "/bin/gnome-www-browser");  // the in-process launcher's
         qputenv("PATH", (m_tmp.path() + "/bin:").toUtf8() + qgetenv("PATH"));
         // Started once here, so the commands' short waits need not cover a program's start-up.
-        const QStringList scripts{"/run-webbrowser.sh", "/run-elecsign.sh"};
-        for (const QString name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
-            const QString script = scripts[name.endsWith("BROWSER") ? 0 : 1];
+        for (const auto& [name, script] : kPrograms) {
             QProcess::startDetached("/bin/bash", {QCoreApplication::applicationDirPath() + script});
-            QVERIFY(waitFor([&] { return QFileInfo::exists(m_tmp.path() + "/" + name); }, 15000));
+            QVERIFY(waitFor([&, name = name] { return QFileInfo::exists(m_tmp.path() + "/" + name); }, 15000));
         }
         m_mgr = std::make_unique<WebSocketServerManager>(QStringLiteral("boreaTcp"), QWebSocketServer::NonSecureMode);
         QVERIFY(m_mgr->websocke_server_start(QHostAddress::LocalHost, 0));
@@ -113,8 +111,8 @@ private slots:
         // script again, so a late copy may take the lock once the first is gone: look again.
         for (int round = 0; round < 3; ++round) {
             QTest::qWait(700);
-            for (const char* name : {"SOUTHINTERFACE_BROWSER", "SOUTHINTERFACE_ELECSIGNSERVER"}) {
-                const qint64 pid = readFile(m_tmp.path() + "/" + name + ".lock").split('\n').value(0).toLongLong();
+            for (const auto& program : kPrograms) {
+                const qint64 pid = readFile(m_tmp.path() + "/" + program.first + ".lock").split('\n').value(0).toLongLong();
                 if (pid > 0 && ::kill(pid_t(pid), SIGTERM) == 0)
                     waitFor([pid] { return ::kill(pid_t(pid), 0) != 0; });
             }
