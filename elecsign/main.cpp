@@ -164,6 +164,8 @@ private:
     void reply(QLocalSocket* s, Code code, const QString& msg, const QJsonObject& request)
     {
         qInfo().noquote() << "answer" << code << msg;
+        if (s->state() != QLocalSocket::ConnectedState)
+            return;
         QJsonObject o;
         o.insert(QStringLiteral("code"), int(code));
         o.insert(QStringLiteral("msg"), msg);
