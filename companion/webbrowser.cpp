@@ -1,7 +1,12 @@
 #include "companion/webbrowser.h"
+#include "companion/browserlaunch.h"
+#include "companion/companionwait.h"
 #include "dispatch/messagerun.h"
 
 #include <QDebug>
+#include <QGuiApplication>
+#include <QProcess>
+#include <QScreen>
 #include <QWebSocket>
 
 WebBrowser* WebBrowser::instance()
@@ -12,7 +17,7 @@ WebBrowser* WebBrowser::instance()
     return &browser;
 }
 
-WebBrowser::WebBrowser() = default;
+WebBrowser::WebBrowser() : m_process(new QProcess(this)) {}
 
 void WebBrowser::recvMessage(QString message, QWebSocket* socket)
 {
@@ -25,4 +30,28 @@ void WebBrowser::recvMessage(QString message, QWebSocket* socket)
     qDebug() << __LINE__ << __FUNCTION__ << "webbrowser" << "page data to" << socket->peerPort()
              << m_pageData.size() << "characters";
     MessageRun::sendToPage(socket, m_pageData);
+}
+
+void WebBrowser::openURL(QString url, QString data)
+{
+    closeURL();
+    m_pageData = std::move(data);
+    QList<QRect> screens;
+    for (const QScreen* s : QGuiApplication::screens())
+        screens << s->geometry();
+    const int pad = browserlaunch::padScreen(screens);
+    if (pad >= 0)
+        qDebug() << __LINE__ << __FUNCTION__ << "webbrowser" << "pad screen" << pad;
+    const QStringList args = browserlaunch::arguments(screens, m_config.padsize, url,
+                                                      QStringLiteral("/tmp/veltrobrowser12345"));
+    qDebug() << __LINE__ << __FUNCTION__ << "webbrowser" << m_config.browser << args;
+    m_process->start(m_config.browser, args, QIODevice::ReadWrite);
+    m_process->waitForStarted(companion::waitMs(30000));
+}
+
+void WebBrowser::closeURL()
+{
+    m_process->terminate();
+    m_process->waitForFinished(companion::waitMs(30000));
+    m_process->close();
 }

@@ -9,6 +9,7 @@
 
 #include <utility>
 
+class QProcess;
 class QWebSocket;
 
 class WebBrowser : public QObject {
@@ -19,13 +20,20 @@ public:
     // A text message from a page: one that begins with "@" gets the stored page data back.
     void recvMessage(QString message, QWebSocket* socket);
 
+    // Closes any browser it started, keeps data for "@" and starts the configured browser on url.
+    void openURL(QString url, QString data);
+    // Ends the browser it started, if any.
+    void closeURL();
+
     QString pageData() const { return m_pageData; }
     // Keeps the data of the page being opened, for the page to fetch with "@".
     void setPageData(QString data) { m_pageData = std::move(data); }
     const ConfigIni& settings() const { return m_config; }
+    QProcess* process() const { return m_process; }
 
 private:
     WebBrowser();
     ConfigIni m_config;
     QString m_pageData;
+    QProcess* m_process;
 };

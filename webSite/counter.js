@@ -5,7 +5,11 @@
 "use strict";
 
 const Counter = (() => {
-  const SERVER = "ws://127.0.0.1:1818";
+  // The device server; a test may name another with "?ws=ws://127.0.0.1:<port>".
+  const SERVER = (() => {
+    const asked = new URLSearchParams(location.search).get("ws");
+    return asked && /^ws:\/\/(127\.0\.0\.1|localhost|\[::1\]):\d+$/.test(asked) ? asked : "ws://127.0.0.1:1818";
+  })();
   let socket = null;
   let opening = null;
 
@@ -44,7 +48,8 @@ const Counter = (() => {
   }
 
   function load() {
-    const fragment = decodeURIComponent(location.hash.replace(/^#/, ""));
+    let fragment = location.hash.replace(/^#/, "");
+    try { fragment = decodeURIComponent(fragment); } catch (e) { /* a stray "%": taken as it is */ }
     if (fragment) return Promise.resolve(parseData(fragment));
     return connect().then((ws) => new Promise((resolve) => {
       const onMessage = (e) => {

@@ -2,6 +2,7 @@
 
 #include "devicelib/portable/core.h"
 #include "dispatch/messagerun.h"
+#include "transport/websocketservermanager.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -42,6 +43,17 @@ QStringList Page::drain(int quietMs)
     const QStringList r = got;
     got.clear();
     return r;
+}
+
+ServerPage::ServerPage(WebSocketServerManager& mgr)
+{
+    connect(&ws, &QWebSocket::textMessageReceived, [this](const QString& m) {
+        if (m.startsWith(QLatin1String("BeginbStopPlay")))
+            got.removeAll(m);
+    });
+    const int before = mgr.clientCount();
+    open(mgr.serverPort());
+    waitFor([&] { return mgr.clientCount() > before; });
 }
 
 PagePair::PagePair() : m_server(QStringLiteral("test"), QWebSocketServer::NonSecureMode)

@@ -16,6 +16,7 @@
 #include <functional>
 
 class MessageRun;
+class WebSocketServerManager;
 
 // A page: a WebSocket client that collects the text messages it receives.
 class Page : public QObject {
@@ -30,6 +31,15 @@ public:
 
     QWebSocket ws;
     QStringList got;
+};
+
+// A page of a server manager in this process. Every page leaving stops the preview and every
+// page hears how that went: those answers are left out.
+class ServerPage : public Page {
+public:
+    explicit ServerPage(WebSocketServerManager& mgr);
+    // Sends text and waits for the next message.
+    QString ask(const QString& text, int timeoutMs = 5000) { got.clear(); ws.sendTextMessage(text); return next(timeoutMs); }
 };
 
 // A page connected to a WebSocket server on a free loopback port, in this process. The
