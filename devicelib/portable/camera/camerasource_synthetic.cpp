@@ -75,6 +75,7 @@ public:
     }
 
     std::pair<int, int> currentSize() const override { return {m_w, m_h}; }
+    double frameRate() const override { return m_fps; }
 
     // The synthetic camera answers the controls with image adjustments, in the ranges a UVC
     // camera typically reports: exposure 1..5000 (156 neutral), brightness -64..64 (0

@@ -1,0 +1,126 @@
+#define ZX_USE_UTF8 1
+#include "devicelib/portable/barcodes/barcodes.h"
+#include "devicelib/portable/camera/camera.h"
+
+#include <QFile>
+#include <QString>
+
+#include <ZXing/ReadBarcode.h>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+
+namespace portable {
+
+namespace {
+
+ZXing::BarcodeFormats formatsOf(long kind)
+{
+    using F = ZXing::BarcodeFormat;
+    switch (kind) {
+    case 0: return F::Any;
+    case 1: return F::QRCode;
+    case 2: return F::Code128;
+    case 3: return F::EAN13;
+    case 4: return F::PDF417;
+    case 5: return F::DataMatrix;
+    case 6: return F::Code39;
+    case 7: return F::ITF;
+    default: return F::None;
+    }
+}
+
+}  // namespace
+
+bool barcodeKindKnown(long kind)
+{
+    return kind >= 0 && kind <= 7;
+}
+
+std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
+{
+    if (image.empty() || !barcodeKindKnown(kind))
+        return {};
+    cv::Mat grey;
+    if (image.channels() == 1)
+        grey = image;
+    else
+        cv::cvtColor(image, grey, image.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
+    if (!grey.isContinuous())
+        grey = grey.clone();
+    ZXing::DecodeHints hints;
+    hints.setFormats(formatsOf(kind));
+    hints.setTryHarder(true);
+    hints.setTryRotate(true);
+    // Debian's libzxing 1.4 is built with assertions on, and its downscaled pass trips one on
+    // ordinary pictures (a lone Code 128 in a 700 x 520 image, Code 128 beside a QR code),
+    // aborting the whole server: read at full size only.
+    hints.setTryDownscale(false);
+    const ZXing::ImageView view(grey.data, grey.cols, grey.rows, ZXing::ImageFormat::Lum, static_cast<int>(grey.step[0]));
+    struct Found {
+        double y, x;
+        std::string text;
+    };
+    std::vector<Found> found;
+    for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
+        if (!r.isValid())
+            continue;
+        double x = 0, y = 0;
+        for (const auto& p : r.position()) {
+            x += p.x / 4.0;
+            y += p.y / 4.0;
+        }
+        found.push_back({y, x, r.text()});
+    }
+    std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
+    std::vector<std::string> texts;
+    for (auto& f : found)
+        texts.push_back(std::move(f.text));
+    return texts;
+}
+
+Text barcodesInFile(const char* fn, const char* path, long kind, bool firstOnly)
+{
+    const QString file = QString::fromLocal8Bit(path ? path : "");
+    if (!barcodeKindKnown(kind)) {
+        logLine(QStringLiteral("%1: barcode kind %2 is not one of 0 to 7").arg(QLatin1String(fn)).arg(kind));
+        return std::string();
+    }
+    QFile f(file);
+    if (!f.open(QIODevice::ReadOnly)) {
+        logLine(QStringLiteral("%1: cannot read \"%2\"").arg(QLatin1String(fn), file));
+        return std::string();
+    }
+    const QByteArray bytes = f.readAll();
+    const cv::Mat image = bytes.isEmpty() ? cv::Mat()
+                                          : cv::imdecode(cv::Mat(1, bytes.size(), CV_8UC1, const_cast<char*>(bytes.constData())),
+                                                         cv::IMREAD_GRAYSCALE);
+    if (image.empty()) {
+        logLine(QStringLiteral("%1: \"%2\" is not an image").arg(QLatin1String(fn), file));
+        return std::string();
+    }
+    const std::vector<std::string> texts = readBarcodes(image, kind);
+    if (texts.empty())
+        return std::string();
+    if (firstOnly)
+        return texts.front();
+    std::string joined;
+    for (const std::string& t : texts)
+        joined += (joined.empty() ? "" : "|") + t;
+    return joined;
+}
+
+Text barcodeOnline()
+{
+    cv::Mat frame;
+    if (!camera().videoFrameMat(frame)) {
+        logLine(QStringLiteral("sGetBarCodeOnline: no camera is open"));
+        return std::nullopt;
+    }
+    const std::vector<std::string> texts = readBarcodes(frame, 0);
+    return texts.empty() ? std::string() : texts.front();
+}
+
+}  // namespace portable
