@@ -11,6 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cmath>
 
 namespace portable {
 
@@ -64,15 +65,37 @@ std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
         std::string text;
     };
     std::vector<Found> found;
-    for (const ZXing::Result& r : ZXing::ReadBarcodes(view, hints)) {
-        if (!r.isValid())
-            continue;
-        double x = 0, y = 0;
-        for (const auto& p : r.position()) {
-            x += p.x / 4.0;
-            y += p.y / 4.0;
+    const auto collect = [&](const ZXing::Results& results, int dx, int dy) {
+        for (const ZXing::Result& r : results) {
+            if (!r.isValid())
+                continue;
+            double x = dx, y = dy;
+            for (const auto& p : r.position()) {
+                x += p.x / 4.0;
+                y += p.y / 4.0;
+            }
+            // A symbol seen again from an overlapping tile is the same symbol.
+            const bool seen = std::any_of(found.begin(), found.end(), [&](const Found& f) {
+                return f.text == r.text() && std::abs(f.x - x) < 16 && std::abs(f.y - y) < 16;
+            });
+            if (!seen)
+                found.push_back({y, x, r.text()});
         }
-        found.push_back({y, x, r.text()});
+    };
+    collect(ZXing::ReadBarcodes(view, hints), 0, 0);
+    // libzxing 1.4 finds a Data Matrix only near the middle of the picture: look again in
+    // overlapping tiles, a half and a quarter of the picture wide, so one in a corner is found too.
+    if (formatsOf(kind).testFlag(ZXing::BarcodeFormat::DataMatrix) && grey.cols >= 64 && grey.rows >= 64) {
+        ZXing::DecodeHints tileHints = hints;
+        tileHints.setFormats(ZXing::BarcodeFormat::DataMatrix);
+        for (int parts : {2, 4}) {
+            const int tw = grey.cols / parts, th = grey.rows / parts;
+            for (int ty = 0; ty + th <= grey.rows; ty += th / 2)
+                for (int tx = 0; tx + tw <= grey.cols; tx += tw / 2) {
+                    const ZXing::ImageView tile(grey.ptr(ty, tx), tw, th, ZXing::ImageFormat::Lum, static_cast<int>(grey.step[0]));
+                    collect(ZXing::ReadBarcodes(tile, tileHints), tx, ty);
+                }
+        }
     }
     std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
     std::vector<std::string> texts;
