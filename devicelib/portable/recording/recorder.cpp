@@ -381,6 +381,7 @@ void Recorder::Impl::run(std::unique_ptr<Output> out, std::unique_ptr<AudioSourc
 Recorder::Recorder() : d(std::make_unique<Impl>())
 {
     camera();   // made first, so it outlives the recording thread at the end
+    av_log_set_level(AV_LOG_ERROR);   // FFmpeg's chatter stays out of the server's output; failures are logged here
     addResetHook([this] {
         d->join();
         std::lock_guard<std::mutex> lock(d->mutex);
