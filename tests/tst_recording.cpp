@@ -4,6 +4,7 @@
 #include "devicelib/portable/core.h"
 #include "fixture.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QProcess>
@@ -115,6 +116,13 @@ private slots:
         QVERIFY(bStartRec(QString(dir + "/first.mkv").toUtf8().constData()));
         QVERIFY(!bStartRecMp3(QString(dir + "/second.mkv").toUtf8().constData()));
         QVERIFY(!QFile::exists(dir + "/second.mkv") && !QFile::exists(dir + "/gone"));
+        QVERIFY(bStopRec() && waitFor([] { return !isRecording(); }));
+        // A folder removed under a running recording ends it.
+        LogCapture log("devicelib:");
+        QVERIFY(QDir().mkpath(dir + "/vanish") && bStartRec(QString(dir + "/vanish/a.mkv").toUtf8().constData()));
+        QVERIFY(QDir(dir + "/vanish").removeRecursively());
+        QVERIFY(waitFor([] { return !isRecording(); }));
+        QVERIFY(log.contains("was removed"));
     }
 
     // A disk that fills: the file is closed where it got to and the recording ends by itself.

@@ -325,6 +325,7 @@ void Recorder::Impl::run(std::unique_ptr<Output> out, std::unique_ptr<AudioSourc
     std::vector<int16_t> pcm(static_cast<size_t>(std::max(1, out->audioFrameSize())));
     cv::Mat last;
     bool failed = false;
+    Clock::time_point lastCheck = t0;
     while (!failed) {
         Clock::duration paused{};
         bool dropSound = false;
@@ -338,6 +339,14 @@ void Recorder::Impl::run(std::unique_ptr<Output> out, std::unique_ptr<AudioSourc
         }
         if (dropSound && sound)
             sound->discard();
+        // A removed file (or its folder) would go on filling a disk nobody can see: end there.
+        if (Clock::now() - lastCheck > std::chrono::seconds(1)) {
+            lastCheck = Clock::now();
+            if (!QFile::exists(path)) {
+                logLine(QStringLiteral("recording: %1 was removed; the recording ends").arg(path));
+                break;
+            }
+        }
         const Clock::time_point origin = t0 + paused;
         const double elapsed = std::chrono::duration<double>(Clock::now() - origin).count();
         if (out->hasVideo()) {
