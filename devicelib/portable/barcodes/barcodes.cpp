@@ -11,6 +11,12 @@
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <cmath>
 
 namespace portable {
@@ -40,17 +46,11 @@ bool barcodeKindKnown(long kind)
     return kind >= 0 && kind <= 7;
 }
 
-std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
+namespace {
+
+// ZXing alone, on a grey picture (so the child process below needs nothing else).
+std::vector<std::string> decode(const cv::Mat& grey, long kind)
 {
-    if (image.empty() || !barcodeKindKnown(kind))
-        return {};
-    cv::Mat grey;
-    if (image.channels() == 1)
-        grey = image;
-    else
-        cv::cvtColor(image, grey, image.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
-    if (!grey.isContinuous())
-        grey = grey.clone();
     ZXing::DecodeHints hints;
     hints.setFormats(formatsOf(kind));
     hints.setTryHarder(true);
@@ -83,9 +83,10 @@ std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
         }
     };
     collect(ZXing::ReadBarcodes(view, hints), 0, 0);
-    // libzxing 1.4 finds a Data Matrix only near the middle of the picture: look again in
-    // overlapping tiles, a half and a quarter of the picture wide, so one in a corner is found too.
-    if (formatsOf(kind).testFlag(ZXing::BarcodeFormat::DataMatrix) && grey.cols >= 64 && grey.rows >= 64) {
+    // libzxing 1.4 finds a Data Matrix only near the middle of the picture: when one is asked
+    // for, look again in overlapping tiles, a half and a quarter of the picture wide, so one in
+    // a corner is found too (for kind 0 that would cost too much on every read).
+    if (kind == 5 && grey.cols >= 64 && grey.rows >= 64) {
         ZXing::DecodeHints tileHints = hints;
         tileHints.setFormats(ZXing::BarcodeFormat::DataMatrix);
         for (int parts : {2, 4}) {
@@ -101,6 +102,82 @@ std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
     std::vector<std::string> texts;
     for (auto& f : found)
         texts.push_back(std::move(f.text));
+    return texts;
+}
+
+bool readAll(int fd, void* data, size_t size)
+{
+    auto* p = static_cast<char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::read(fd, p, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void writeAll(int fd, const void* data, size_t size)
+{
+    const auto* p = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
+
+// The decode runs in a child process: a reader that trips an assertion on some picture
+// (Debian's libzxing aborts) takes only the child down, never the server.
+std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
+{
+    if (image.empty() || !barcodeKindKnown(kind))
+        return {};
+    cv::Mat grey;
+    if (image.channels() == 1)
+        grey = image;
+    else
+        cv::cvtColor(image, grey, image.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0)
+        return decode(grey, kind);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        for (const std::string& t : decode(grey, kind)) {
+            const uint32_t n = static_cast<uint32_t>(t.size());
+            writeAll(fds[1], &n, sizeof n);
+            writeAll(fds[1], t.data(), t.size());
+        }
+        ::_exit(0);
+    }
+    ::close(fds[1]);
+    std::vector<std::string> texts;
+    uint32_t n = 0;
+    while (pid > 0 && readAll(fds[0], &n, sizeof n)) {
+        std::string t(n, '\0');
+        if (!readAll(fds[0], t.data(), n))
+            break;
+        texts.push_back(std::move(t));
+    }
+    ::close(fds[0]);
+    int status = 0;
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        logLine(pid < 0 ? QStringLiteral("barcodes: cannot start the reader (%1)").arg(QString::fromLocal8Bit(std::strerror(errno)))
+                        : QStringLiteral("barcodes: the reader failed on a %1 x %2 picture (%3); nothing read")
+                              .arg(image.cols).arg(image.rows)
+                              .arg(WIFSIGNALED(status) ? QStringLiteral("signal %1").arg(WTERMSIG(status)) : QStringLiteral("status %1").arg(WEXITSTATUS(status))));
+        return {};
+    }
     return texts;
 }
 
