@@ -17,6 +17,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <memory>
+#include <utility>
 
 namespace portable {
 
@@ -38,8 +39,13 @@ QPageSize paperOf(const cups_dest_t* dest)
 }
 
 // One page per copy is not made: the copies are the job's "copies" attribute.
-bool printImage(const char* fn, const QImage& picture, double dpiX, double dpiY, int copies, bool fit)
+bool printImage(const char* fn, QImage picture, double dpiX, double dpiY, int copies, bool fit)
 {
+    // Turned to the paper's orientation: a landscape picture is rotated onto the portrait sheet.
+    if (picture.width() > picture.height()) {
+        picture = picture.transformed(QTransform().rotate(90));
+        std::swap(dpiX, dpiY);
+    }
     if (!qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
         logLine(QStringLiteral("%1: printing needs the GUI application (for the PDF writer)").arg(QLatin1String(fn)));
         return false;
@@ -58,10 +64,7 @@ bool printImage(const char* fn, const QImage& picture, double dpiX, double dpiY,
         QPdfWriter writer(pdf);
         writer.setCreator(QStringLiteral("rvowebSocketServer"));
         writer.setResolution(300);
-        const QPageSize paper = paperOf(dest.get());
-        // Turned to the paper's orientation: a landscape picture on landscape paper.
-        const bool landscape = picture.width() > picture.height();
-        writer.setPageLayout(QPageLayout(paper, landscape ? QPageLayout::Landscape : QPageLayout::Portrait, QMarginsF(), QPageLayout::Millimeter));
+        writer.setPageLayout(QPageLayout(paperOf(dest.get()), QPageLayout::Portrait, QMarginsF(), QPageLayout::Millimeter));
         QPainter p;
         if (!p.begin(&writer)) {
             logLine(QStringLiteral("%1: the PDF for the printer cannot be written").arg(QLatin1String(fn)));
