@@ -57,7 +57,8 @@ private slots:
         for (const char* sub : {"spool", "tmp", "cache", "state", "log", "conf", "bin/backend", "bin/daemon", "out"})
             QVERIFY(QDir().mkpath(d + "/" + sub));
         // CUPS starts backends through its own helper, from the ServerBin folder.
-        QVERIFY(QFile::link("/usr/lib/cups/daemon/cups-exec", d + "/bin/daemon/cups-exec"));
+        const QString serverBin = run("cups-config", {"--serverbin"}).trimmed();
+        QVERIFY(QFile::link(serverBin + "/daemon/cups-exec", d + "/bin/daemon/cups-exec"));
         const QString backend = d + "/bin/backend/rvocopy";
         QVERIFY(writeFile(backend, QStringLiteral("#!/bin/sh\n"
                                                   "[ $# -eq 0 ] && { echo 'direct rvocopy \"Unknown\" \"test copy\"'; exit 0; }\n"
@@ -99,7 +100,7 @@ private slots:
         QTest::addColumn<QString>("call");
         QTest::addColumn<QString>("queue");     // where the job lands; empty: no job, false
         QTest::addColumn<QString>("copies");
-        QTest::addColumn<QSizeF>("inches");     // the printed picture on the page; negative: as large as fits
+        QTest::addColumn<QSizeF>("inches");     // the picture on the upright A4 page; negative: as large as fits
         QTest::newRow("file, fitted, 2 copies") << "" << "file portrait 2" << "counter" << "2" << QSizeF(-1, -1);
         QTest::newRow("image at its own DPI, 0 copies") << "" << "image landscape 0 0" << "counter" << "1" << QSizeF(6, 8);   // turned
         QTest::newRow("image fitted, 3 copies") << "" << "image landscape 3 1" << "counter" << "3" << QSizeF(-1, -1);
