@@ -1,10 +1,11 @@
 // Printing, watermark and barcode commands. The library prints, stamps and decodes; these read
 // the page's arguments the way each command always has and frame the answer. Text recognition is
-// not offered.
+// not offered. Files a page names are checked against the file roots before the library reads them.
 #include "devicelib/doccamera.h"
 #include "dispatch/args.h"
 #include "dispatch/messagerun.h"
 #include "dispatch/replies.h"
+#include "files/pathpolicy.h"
 
 #include <QDebug>
 
@@ -48,6 +49,8 @@ QString MessageRun::bPrintImage_callback(QString name, QString args, MessageRun*
         qDebug() << __LINE__ << "bPrintImage_callback" << "printcommands" << "needs copies, a path and a fit:" << args;
         return reply::send(reply::framedFalse(name));
     }
+    if (!pathpolicy::allowed(a.text(1), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bPrintImage(a.toShort(0), a.local8(1).constData(), a.toShort(2))));
 }
 
@@ -55,6 +58,8 @@ QString MessageRun::bPrintImage_callback(QString name, QString args, MessageRun*
 QString MessageRun::bPrintImageFile_callback(QString name, QString args, MessageRun*)
 {
     const Args a = Args::split(args);
+    if (!pathpolicy::allowed(a.text(0), name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bPrintImageFile(a.utf8(0).constData(), a.count() >= 2 ? a.toInt(1) : 0)));
 }
 
@@ -98,7 +103,10 @@ QString MessageRun::vSetWaterPrintPos_callback(QString name, QString args, Messa
 
 QString MessageRun::sGetBarCode_callback(QString name, QString args, MessageRun*)
 {
-    return reply::send(reply::framed(name, takeText(::sGetBarCode(Args::split(args).local8(0).constData()))));
+    const Args a = Args::split(args);
+    if (!pathpolicy::allowed(a.text(0), name))
+        return reply::send(reply::framed(name, QString()));
+    return reply::send(reply::framed(name, takeText(::sGetBarCode(a.local8(0).constData()))));
 }
 
 // sGetBarCodeEx(kind,path)
@@ -109,6 +117,8 @@ QString MessageRun::sGetBarCodeEx_callback(QString name, QString args, MessageRu
         qDebug() << __LINE__ << "sGetBarCodeEx_callback" << "printcommands" << "needs a kind and a path:" << args;
         return reply::send(reply::framedEmpty(name));
     }
+    if (!pathpolicy::allowed(a.text(1), name))
+        return reply::send(reply::framed(name, QString()));
     return reply::send(reply::framed(name, takeText(::sGetBarCodeEx(a.toLong(0), a.local8(1).constData()))));
 }
 

@@ -6,17 +6,23 @@
 #include "dispatch/args.h"
 #include "dispatch/messagerun.h"
 #include "dispatch/replies.h"
+#include "files/pathpolicy.h"
 
 #include <QDebug>
 
-// bStartRec(path): the whole argument text is the path, commas and all.
+// bStartRec(path): the whole argument text is the path, commas and all. A path outside the
+// file roots is refused before the library is asked.
 QString MessageRun::bStartRec_callback(QString name, QString args, MessageRun*)
 {
+    if (!pathpolicy::allowed(args, name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bStartRec(Args::whole(args).utf8(0).constData())));
 }
 
 QString MessageRun::bStartRecMp3_callback(QString name, QString args, MessageRun*)
 {
+    if (!pathpolicy::allowed(args, name))
+        return reply::send(reply::framedFalse(name));
     return reply::send(reply::framedBool(name, ::bStartRecMp3(Args::whole(args).utf8(0).constData())));
 }
 

@@ -3,8 +3,10 @@
 #include "camera/stoprecthread.h"
 #include "devicelib/portable/core.h"
 #include "dispatch/messagerun.h"
+#include "files/pathpolicy.h"
 #include "fixture.h"
 
+#include <QDir>
 #include <QJsonDocument>
 #include <QTest>
 
@@ -135,6 +137,19 @@ private slots:
         Trace trace;
         QCOMPARE(post(command), QStringList{framed(command, reply)});
         QCOMPARE(callTexts(trace), calls);
+    }
+
+    // Files outside the file roots are neither recorded to, printed nor read.
+    void outsideRoots()
+    {
+        pathpolicy::setRoots({QDir::tempPath() + "/rvo-rec-root"});
+        Trace trace;
+        for (const auto& [command, result] : std::initializer_list<std::pair<const char*, const char*>>{{"bStartRec(/etc/a,b.mkv)", "false"},
+                 {"bStartRecMp3(/etc/a.mp3)", "false"}, {"bPrintImage(1,/etc/a.jpg,1)", "false"}, {"bPrintImageFile(/etc/a.jpg,2)", "false"},
+                 {"sGetBarCode(/etc/a.jpg)", ""}, {"sGetBarCodeEx(1,/etc/a.jpg)", ""}})
+            QCOMPARE(post(command), QStringList{framed(command, result)});
+        pathpolicy::setRoots({});
+        QCOMPARE(trace.functions(), QStringList());
     }
 
     // An accepted stop answers nothing at once; the thread answers once the library is done.
