@@ -159,6 +159,10 @@ private slots:
         const QImage rgb = preview.convertToFormat(QImage::Format_RGB888);
         const cv::Mat p(rgb.height(), rgb.width(), CV_8UC3, const_cast<uchar*>(rgb.bits()), static_cast<size_t>(rgb.bytesPerLine()));
         QCOMPARE(pixelsOf(p, cv::Rect(0, 0, p.cols, p.rows), {0, 192, 0}), 0);   // RGB order, green either way
+        cv::Mat pushed, captured;   // the frame push has none, the server's base64 capture has it
+        QVERIFY(getVideoFrameMat(pushed) && getVideoFrameMatEx(captured));
+        QCOMPARE(pixelsOf(pushed, box, {0, 192, 0}), 0);
+        QVERIFY(pixelsOf(captured, box, {0, 192, 0}) > 800);
         // Off again, and a missing position means centred.
         vSetWaterPrint(0, "x", 0);
         QVERIFY(bSaveJPG(m_dir.path().toUtf8().constData(), "plain"));

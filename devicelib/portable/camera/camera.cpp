@@ -25,7 +25,7 @@ extern "C" bool bAVPreview(long long first, long long second) { return traced<bo
 extern "C" void vSetImageDispFlag(bool flag) { traced<void>("vSetImageDispFlag", {flag}, [&] { camera().setImageDispFlag(flag); }); }
 extern "C" bool getVideoFrame(QImage& frame) { portable::OutImage out(&frame); return traced<bool>("getVideoFrame", {out}, [&] { return camera().videoFrame(frame); }); }
 extern "C" bool getVideoFrameMat(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMat", {out}, [&] { return camera().videoFrameMat(frame); }); }
-extern "C" bool getVideoFrameMatEx(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMatEx", {out}, [&] { return camera().videoFrameMat(frame); }); }
+extern "C" bool getVideoFrameMatEx(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMatEx", {out}, [&] { return camera().capturedFrameMat(frame); }); }
 
 // --- camera settings ---------------------------------------------------------------------------
 extern "C" bool bSetMode(int mode) { return traced<bool>("bSetMode", {mode}, [&] { return camera().setMode(mode); }); }

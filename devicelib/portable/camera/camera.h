@@ -40,6 +40,8 @@ public:
 
     bool videoFrame(QImage& frame);
     bool videoFrameMat(cv::Mat& frame);
+    // The same frame for keeping (the server's base64 captures): with the watermark.
+    bool capturedFrameMat(cv::Mat& frame);
     // For a recording: the preview camera's newest frame, at least minWidth wide where the camera
     // is, oriented, as BGR or BGRX; its number in *seq and the camera's frame rate (0: unknown) in *fps.
     // False with no camera open or no frame within a second.

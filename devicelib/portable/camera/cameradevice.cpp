@@ -681,6 +681,14 @@ bool Camera::videoFrameMat(cv::Mat& frame)
     return true;
 }
 
+bool Camera::capturedFrameMat(cv::Mat& frame)
+{
+    if (!videoFrameMat(frame))
+        return false;
+    stampWatermark(frame);   // fullFrame() hands out a copy of its own
+    return true;
+}
+
 // --- settings -------------------------------------------------------------------------------------
 
 bool Camera::setMode(int mode)
