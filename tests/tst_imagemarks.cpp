@@ -122,7 +122,8 @@ private slots:
     void online()
     {
         QCOMPARE(take(sGetBarCodeOnline()), QStringLiteral("<null>"));   // no camera open
-        for (auto [start, n] : {std::pair{bStartPlay, 1}, std::pair{bStartPlay3, 3}}) {
+        using Start = bool (*)(int);
+        for (auto [start, n] : {std::pair<Start, int>{bStartPlay, 1}, std::pair<Start, int>{bStartPlay3, 3}}) {
             QVERIFY(start(0));
             QCOMPARE(take(sGetBarCodeOnline()), QStringLiteral("RVO-CAMERA-%1").arg(n));
             QVERIFY(bSaveJPG(m_dir.path().toUtf8().constData(), "page"));
