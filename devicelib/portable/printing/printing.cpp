@@ -118,8 +118,9 @@ bool printImageFile(const char* fn, const char* path, bool local8, int copies, b
         logLine(QStringLiteral("%1: \"%2\" cannot be read as an image (%3)").arg(QLatin1String(fn), file, reader.errorString()));
         return false;
     }
-    const double dpiX = picture.dotsPerMeterX() > 0 ? picture.dotsPerMeterX() * 0.0254 : 300;
-    const double dpiY = picture.dotsPerMeterY() > 0 ? picture.dotsPerMeterY() * 0.0254 : 300;
+    // A file without a density reads as 96 dpi, as Qt gives it.
+    const double dpiX = picture.dotsPerMeterX() > 0 ? picture.dotsPerMeterX() * 0.0254 : 96;
+    const double dpiY = picture.dotsPerMeterY() > 0 ? picture.dotsPerMeterY() * 0.0254 : 96;
     return printImage(fn, picture, dpiX, dpiY, copies, fit);
 }
 
