@@ -87,7 +87,7 @@ public:
 
     bool hasVideo() const { return m_video; }
     bool hasAudio() const { return m_audio; }
-    int audioFrameSize() const { return m_audio ? m_audio->frame_size : 0; }
+    int audioFrameSize() const { return m_aframe ? m_aframe->nb_samples : 0; }
     QString describe() const
     {
         QString s;
