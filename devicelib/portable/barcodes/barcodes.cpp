@@ -171,7 +171,10 @@ std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
     }
     ::close(fds[0]);
     int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    pid_t reaped = -1;
+    while (pid > 0 && (reaped = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
+    }
+    if (pid < 0 || reaped != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         logLine(pid < 0 ? QStringLiteral("barcodes: cannot start the reader (%1)").arg(QString::fromLocal8Bit(std::strerror(errno)))
                         : QStringLiteral("barcodes: the reader failed on a %1 x %2 picture (%3); nothing read")
                               .arg(image.cols).arg(image.rows)
