@@ -30,10 +30,8 @@ QString image(const QString& path, int w, int h, int dpi)
 {
     QImage img(w, h, QImage::Format_RGB32);
     img.fill(Qt::black);
-    img.setDotsPerMeterX(qRound(dpi / 0.0254));
-    img.setDotsPerMeterY(qRound(dpi / 0.0254));
-    img.save(path);
-    return path;
+    img.setDotsPerMeterX(qRound(dpi / 0.0254)), img.setDotsPerMeterY(qRound(dpi / 0.0254));
+    return img.save(path) ? path : QString();
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <QProcess>
 #include <QTest>
 
+#include <algorithm>
+
 namespace {
 
 // ffprobe's view of a file: {"format":{...},"streams":[...]}; empty when it cannot read it.
@@ -25,10 +27,9 @@ QJsonObject probe(const QString& file)
 
 QJsonObject streamOf(const QJsonObject& info, const QString& type)
 {
-    for (const QJsonValue& s : info.value("streams").toArray())
-        if (s.toObject().value("codec_type") == type)
-            return s.toObject();
-    return {};
+    const QJsonArray streams = info.value("streams").toArray();
+    auto it = std::find_if(streams.begin(), streams.end(), [&](const QJsonValue& s) { return s.toObject().value("codec_type") == type; });
+    return it == streams.end() ? QJsonObject() : (*it).toObject();
 }
 
 }  // namespace
@@ -106,13 +107,11 @@ private slots:
     void soundFromFile()
     {
         QByteArray wav = "RIFF" + QByteArray(4, 0) + "WAVEfmt " + QByteArray::fromHex("1000000001000100401f0000803e000002001000") + "data";
-        QByteArray pcm;
-        for (int i = 0; i < 8000; ++i) {
-            const qint16 v = qint16(3000 * ((i / 20) % 2 ? 1 : -1));   // a 200 Hz square
-            pcm.append(reinterpret_cast<const char*>(&v), 2);
-        }
-        const qint32 n = pcm.size();
-        wav += QByteArray(reinterpret_cast<const char*>(&n), 4) + pcm;
+        QVector<qint16> pcm(8000);
+        for (int i = 0; i < pcm.size(); ++i)
+            pcm[i] = qint16((i / 20) % 2 ? 3000 : -3000);   // a 200 Hz square
+        const qint32 n = pcm.size() * 2;
+        wav += QByteArray(reinterpret_cast<const char*>(&n), 4) + QByteArray(reinterpret_cast<const char*>(pcm.data()), n);
         QVERIFY(writeFile(m_dir.filePath("in.wav"), wav));
         portable::loadProfileText(QStringLiteral(R"({"audio":{"source":"file:%1"}})").arg(m_dir.filePath("in.wav")).toUtf8());
         LogCapture log("devicelib:");
