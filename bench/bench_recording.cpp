@@ -1,7 +1,8 @@
 // The preview while a recording runs: frames a second through the server's own preview step
 // (getVideoFrame, then scale, JPEG and base64 as previewFrameBase64 does) from a synthetic 5 MP
 // MJPEG camera at 15 fps, first alone, then beside a 1280-wide recording of each container.
-// Prints "key value" lines: preview fps alone, with each recording, and the share kept.
+// Prints "key value" lines: preview fps alone, with each recording, the share kept, and the
+// length ffprobe finds in each file against the time it recorded (real time kept).
 //   bench_recording [seconds per run, default 6]
 #include "camera/previewframe.h"
 #include "devicelib/doccamera.h"
@@ -9,6 +10,7 @@
 
 #include <QGuiApplication>
 #include <QImage>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <chrono>
@@ -29,6 +31,13 @@ double previewFps(double seconds)
         if (getVideoFrame(frame) && !previewFrameBase64(frame, 800, 600).isEmpty())
             ++frames;
     return frames / seconds;
+}
+
+double fileSeconds(const QString& path)
+{
+    QProcess p;
+    p.start("ffprobe", {"-v", "error", "-show_entries", "format=duration", "-of", "default=nw=1:nk=1", path});
+    return p.waitForFinished(10000) ? p.readAllStandardOutput().trimmed().toDouble() : 0;
 }
 
 }  // namespace
@@ -55,11 +64,14 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "the recording %s did not start\n", file);
             return 1;
         }
+        const auto t0 = std::chrono::steady_clock::now();
         const double with = previewFps(seconds);
         bStopRec();
+        const double recorded = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
         while (isRecording())
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         std::printf("preview.recording.%s.fps %.2f\npreview.recording.%s.kept %.3f\n", file, with, file, with / alone);
+        std::printf("recording.%s.seconds %.2f of %.2f\n", file, fileSeconds(QString::fromUtf8(path)), recorded);
     }
     bStopPlay();
     return 0;

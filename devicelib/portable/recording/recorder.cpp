@@ -194,7 +194,7 @@ private:
             m_video->pix_fmt = AV_PIX_FMT_YUV420P;
             // One thread and a fast preset: the preview shares the machine with the encoder.
             m_video->thread_count = 1;
-            av_opt_set(m_video->priv_data, "preset", "veryfast", 0);
+            av_opt_set(m_video->priv_data, "preset", "superfast", 0);
             av_opt_set(m_video->priv_data, "crf", "23", 0);
         }
         if (m_fmt->oformat->flags & AVFMT_GLOBALHEADER)
