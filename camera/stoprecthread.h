@@ -6,6 +6,8 @@
 #include <QByteArray>
 #include <QThread>
 
+#include <atomic>
+
 class StopRecThread : public QThread {
     Q_OBJECT
 public:
@@ -19,5 +21,12 @@ protected:
     void run() override;
 
 private:
+    friend class StopRecThreadTestAccess;
     StopRecThread() = default;
+    // Sleeps ms unless the application is ending; false when it is.
+    bool pause(int ms);
+
+    // One poll a second, and the pause that lets the file settle after the last one.
+    static std::atomic<int> s_pollMs;
+    static std::atomic<int> s_settleMs;
 };

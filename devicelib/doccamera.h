@@ -139,6 +139,29 @@ int iAutoScan(int mode, const char* folder, const char* prefix);
 int iTimerScan(int mode, const char* folder, const char* prefix, int seconds);
 bool bBookScanner(const char* folder, const char* name, const char* name2);   // name2 may be NULL
 
+// --- recording -------------------------------------------------------------------------------------
+// One recording at a time, of the open preview camera; bStopRec (above) ends it, and the file is
+// finished on the recording's own thread: isRecording() stays true until it is complete.
+bool bStartRec(const char* path);      // video only; the container follows the extension
+bool bStartRecMp3(const char* path);   // video with an MP3 sound track, or sound alone for .mp3
+bool bPauseRec(void);
+bool bResumeRec(void);
+bool isRecording(void);
+void vSetRecSize(long long width, long long height);   // for the next recording; 0: see README
+
+// --- printing, watermark, barcodes -------------------------------------------------------------------
+bool bPrint(int copies);                                        // the camera's picture as it would be saved
+bool bPrintImage(short copies, const char* path, short fit);   // path in the local 8-bit encoding
+bool bPrintImageFile(const char* path, int copies);
+void vSetWaterPrint(short enable, const char* text, short opacity);   // text in the local 8-bit encoding
+void vSetWaterPrintFont(const char* family);                          // local 8-bit encoding
+void vSetWaterPrintFontSize(short pixels);
+void vSetWaterPrintFontColor(long rgb);                               // 0xRRGGBB
+void vSetWaterPrintPos(short x, short y);
+char* sGetBarCode(const char* path);               // heap text; path in the local 8-bit encoding
+char* sGetBarCodeEx(long kind, const char* path);  // heap text; codes joined by "|"
+char* sGetBarCodeOnline(void);                     // heap text, NULL with no camera open
+
 // --- upload: a multipart/form-data POST of one local file to an http or https URL -----------------
 // fields is "k=v&k2=v2" (extra form fields); fieldName is the file's field ("" means "file").
 // Text results are the server's answer body (any status), NULL when no answer came; the bool

@@ -1,6 +1,7 @@
 // The document camera's C entry points: each one line through traced() into Camera.
 #include "devicelib/doccamera.h"
 #include "devicelib/portable/camera/camera.h"
+#include "devicelib/portable/camera/watermark.h"
 #include "devicelib/portable/core.h"
 
 using portable::camera;
@@ -22,10 +23,9 @@ extern "C" bool bStartPlay4(void) { return traced<bool>("bStartPlay4", {}, [&] {
 extern "C" bool bStopPlay4(void) { return traced<bool>("bStopPlay4", {}, [&] { return camera().stopAux(); }); }
 extern "C" bool bAVPreview(long long first, long long second) { return traced<bool>("bAVPreview", {first, second}, [&] { return camera().avPreview(first, second); }); }
 extern "C" void vSetImageDispFlag(bool flag) { traced<void>("vSetImageDispFlag", {flag}, [&] { camera().setImageDispFlag(flag); }); }
-extern "C" bool bStopRec(void) { return traced<bool>("bStopRec", {}, [&] { return camera().stopRecording(); }); }
 extern "C" bool getVideoFrame(QImage& frame) { portable::OutImage out(&frame); return traced<bool>("getVideoFrame", {out}, [&] { return camera().videoFrame(frame); }); }
 extern "C" bool getVideoFrameMat(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMat", {out}, [&] { return camera().videoFrameMat(frame); }); }
-extern "C" bool getVideoFrameMatEx(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMatEx", {out}, [&] { return camera().videoFrameMat(frame); }); }
+extern "C" bool getVideoFrameMatEx(cv::Mat& frame) { portable::OutMat out(&frame); return traced<bool>("getVideoFrameMatEx", {out}, [&] { return camera().capturedFrameMat(frame); }); }
 
 // --- camera settings ---------------------------------------------------------------------------
 extern "C" bool bSetMode(int mode) { return traced<bool>("bSetMode", {mode}, [&] { return camera().setMode(mode); }); }
@@ -70,3 +70,10 @@ extern "C" const char* sGetImageBase64_Byte(int quality)
     thread_local std::string slot;
     return portable::keptText(slot, traced<portable::Text>("sGetImageBase64_Byte", {quality}, [&] { return camera().imageBase64(quality); }));
 }
+
+// --- watermark ----------------------------------------------------------------------------------
+extern "C" void vSetWaterPrint(short enable, const char* text, short opacity) { traced<void>("vSetWaterPrint", {enable, text, opacity}, [&] { portable::setWatermark(enable, text, opacity); }); }
+extern "C" void vSetWaterPrintFont(const char* family) { traced<void>("vSetWaterPrintFont", {family}, [&] { portable::setWatermarkFont(family); }); }
+extern "C" void vSetWaterPrintFontSize(short pixels) { traced<void>("vSetWaterPrintFontSize", {pixels}, [&] { portable::setWatermarkSize(pixels); }); }
+extern "C" void vSetWaterPrintFontColor(long rgb) { traced<void>("vSetWaterPrintFontColor", {rgb}, [&] { portable::setWatermarkColour(rgb); }); }
+extern "C" void vSetWaterPrintPos(short x, short y) { traced<void>("vSetWaterPrintPos", {x, y}, [&] { portable::setWatermarkPos(x, y); }); }

@@ -37,10 +37,15 @@ public:
     bool stopAux();
     bool avPreview(long long camera, long long resolutionIndex);
     void setImageDispFlag(bool flag);
-    bool stopRecording();
 
     bool videoFrame(QImage& frame);
     bool videoFrameMat(cv::Mat& frame);
+    // The same frame for keeping (the server's base64 captures): with the watermark.
+    bool capturedFrameMat(cv::Mat& frame);
+    // For a recording: the preview camera's newest frame, at least minWidth wide where the camera
+    // is, oriented, as BGR or BGRX; its number in *seq and the camera's frame rate (0: unknown) in *fps.
+    // False with no camera open or no frame within a second.
+    bool recordingFrame(int minWidth, cv::Mat& bgrx, unsigned long long* seq, double* fps);
 
     // Settings.
     bool setMode(int mode);

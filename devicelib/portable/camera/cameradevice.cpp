@@ -4,6 +4,7 @@
 #include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/camera/camerastills.h"
 #include "devicelib/portable/camera/capturebutton.h"
+#include "devicelib/portable/camera/watermark.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -76,6 +77,12 @@ public:
     {
         std::lock_guard<std::mutex> control(m_control);
         return m_source->currentSize();
+    }
+
+    double frameRate()
+    {
+        std::lock_guard<std::mutex> control(m_control);
+        return m_source->frameRate();
     }
 
     std::vector<std::pair<int, int>> sizes()
@@ -581,12 +588,6 @@ void Camera::setImageDispFlag(bool flag)
     d->imageDisplay = flag;
 }
 
-// Recording arrives with a later release; until then nothing is ever recording.
-bool Camera::stopRecording()
-{
-    return false;
-}
-
 bool Camera::videoFrame(QImage& frame)
 {
     const auto deadline = Clock::now() + std::chrono::seconds(1);
@@ -642,12 +643,49 @@ bool Camera::videoFrame(QImage& frame)
     return true;
 }
 
+bool Camera::recordingFrame(int minWidth, cv::Mat& bgrx, unsigned long long* seq, double* fps)
+{
+    std::shared_ptr<Device> device;
+    int rot = 0, fl = 0;
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        const auto devices = d->previewDevicesLocked();
+        if (devices.empty())
+            return false;
+        device = devices[0];
+        rot = d->rotate;
+        fl = d->flip;
+    }
+    *fps = device->frameRate();
+    RawFrame raw;
+    if (!device->newest(Clock::now() + std::chrono::seconds(1), raw, *seq))
+        return false;
+    if (!raw.jpeg && raw.bgr.type() == CV_8UC3) {
+        orient(raw.bgr, bgrx, rot, fl);   // a copy: the slot's frame is shared
+        return true;
+    }
+    // Decoded at the smallest DCT scale that keeps the width: the recording only scales down.
+    QImage img = toRgb32(raw, minWidth);
+    if (img.isNull())
+        return false;
+    orient(wrap(img), bgrx, rot, fl);
+    return true;
+}
+
 bool Camera::videoFrameMat(cv::Mat& frame)
 {
     cv::Mat f = d->fullFrame();
     if (f.empty())
         return false;
     frame = f;
+    return true;
+}
+
+bool Camera::capturedFrameMat(cv::Mat& frame)
+{
+    if (!videoFrameMat(frame))
+        return false;
+    stampWatermark(frame);   // fullFrame() hands out a copy of its own
     return true;
 }
 
@@ -926,7 +964,9 @@ static cv::Mat stillImage(Camera::Impl& d, const char* fn, StillFormat* format, 
         }
         frame = frame(crop);
     }
-    return applyColourMode(frame, forceMode >= 0 ? forceMode : mode);
+    cv::Mat still = applyColourMode(frame, forceMode >= 0 ? forceMode : mode);
+    stampWatermark(still);
+    return still;
 }
 
 static QString stillPath(const char* fn, const char* dir, const char* name, const char* ext)

@@ -44,6 +44,8 @@ public:
     virtual QString describe() const = 0;
     // The V4L2 device node behind the source, empty for others (the capture button needs it).
     virtual QString devicePath() const { return QString(); }
+    // Frames a second it delivers; 0 when it cannot tell.
+    virtual double frameRate() const { return 0; }
 };
 
 // The source the profile chooses for a camera number (with the defaults for absent keys).

@@ -127,6 +127,7 @@ public:
     }
 
     std::pair<int, int> currentSize() const override { return {m_w, m_h}; }
+    double frameRate() const override { return m_fps; }
 
     bool setControl(Control control, int) override
     {

@@ -1,8 +1,12 @@
-// A camera without hardware: a document page with text lines, a barcode, a moving marker and a
-// frame counter, paced at the chosen frame rate. In MJPEG mode each frame is encoded once when
-// it is produced, like a real camera's, so the preview's decode path can be measured.
+// A camera without hardware: a document page with text lines, a Code 128 barcode above a QR code
+// (both decodable), a moving marker and a frame counter, paced at the chosen frame rate. In MJPEG
+// mode each frame is encoded once when it is produced, like a real camera's, so the preview's
+// decode path can be measured.
 #include "devicelib/portable/camera/camerasource.h"
 #include "devicelib/portable/core.h"
+
+#include <ZXing/BitMatrix.h>
+#include <ZXing/MultiFormatWriter.h>
 
 #include <opencv2/imgproc.hpp>
 
@@ -75,6 +79,7 @@ public:
     }
 
     std::pair<int, int> currentSize() const override { return {m_w, m_h}; }
+    double frameRate() const override { return m_fps; }
 
     // The synthetic camera answers the controls with image adjustments, in the ranges a UVC
     // camera typically reports: exposure 1..5000 (156 neutral), brightness -64..64 (0
@@ -148,20 +153,24 @@ private:
             cv::putText(m_page, line, {x0, y}, font, 0.9 * u, cv::Scalar(40, 40, 40), std::max(1, static_cast<int>(2 * u)),
                         cv::LINE_AA);
         }
-        // A barcode: bars of one and three units from a fixed pattern.
-        int bx = x0;
+        // Real codes a reader decodes: a Code 128 "RVO-CAMERA-<n>" above a QR code "rvo:camera:<n>".
         const int by = y + static_cast<int>(60 * u);
-        const int bh = static_cast<int>(120 * u);
-        const int bar = std::max(1, static_cast<int>(3 * u));
-        unsigned pattern = 0x9b5d3a6du;
-        for (int i = 0; i < 64; ++i) {
-            const int w = (pattern & 1u) ? 3 * bar : bar;
-            if (i % 2 == 0)
-                cv::rectangle(m_page, cv::Rect(bx, by, w, bh), cv::Scalar(0, 0, 0), cv::FILLED);
-            bx += w;
-            pattern = (pattern >> 1) | ((pattern & 1u) << 31);
-        }
-        m_counterOrigin = cv::Point(x0, std::min(paper.br().y - static_cast<int>(30 * u), by + bh + static_cast<int>(90 * u)));
+        const int bh = static_cast<int>(100 * u);
+        const int module = std::max(1, static_cast<int>(3 * u));
+        const ZXing::BitMatrix bars =
+            ZXing::MultiFormatWriter(ZXing::BarcodeFormat::Code128).setMargin(0).encode("RVO-CAMERA-" + std::to_string(m_number), 0, 1);
+        for (int i = 0; i < bars.width(); ++i)
+            if (bars.get(i, 0))
+                cv::rectangle(m_page, cv::Rect(x0 + i * module, by, module, bh), cv::Scalar(0, 0, 0), cv::FILLED);
+        const ZXing::BitMatrix qr =
+            ZXing::MultiFormatWriter(ZXing::BarcodeFormat::QRCode).setMargin(0).encode("rvo:camera:" + std::to_string(m_number), 0, 0);
+        const int cell = std::max(2, static_cast<int>(140 * u) / std::max(1, qr.width()));
+        const int qy = by + bh + static_cast<int>(30 * u);
+        for (int r = 0; r < qr.height(); ++r)
+            for (int c = 0; c < qr.width(); ++c)
+                if (qr.get(c, r))
+                    cv::rectangle(m_page, cv::Rect(x0 + c * cell, qy + r * cell, cell, cell), cv::Scalar(0, 0, 0), cv::FILLED);
+        m_counterOrigin = cv::Point(x0 + qr.width() * cell + static_cast<int>(60 * u), qy + qr.height() * cell / 2);
     }
 
     void drawMoving(cv::Mat& img, unsigned long long n) const
