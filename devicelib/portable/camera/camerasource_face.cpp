@@ -25,10 +25,10 @@ namespace portable {
 namespace {
 
 // The eye outlines of the shipped photograph (512 x 600), six points each, from dlib's
-// 68-point model (points 36-41 and 42-47).
+// 68-point model (points 36-41 and 42-47), as bench_biometrics --landmarks prints them.
 const cv::Point2f kEyes[2][6] = {
-    {{0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}},
-    {{0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}},
+    {{208, 194}, {217, 187}, {227, 186}, {237, 194}, {228, 196}, {217, 197}},
+    {{291, 192}, {301, 182}, {311, 182}, {320, 189}, {312, 193}, {302, 193}},
 };
 
 constexpr int kBlinkPeriod = 45;

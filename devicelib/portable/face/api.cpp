@@ -79,8 +79,9 @@ bool bLivingBodyDetect(void) { return traced<bool>("bLivingBodyDetect", {}, [] {
 bool AutoLivingBody(LivingBodyDataFn fn)
 {
     const CallbackArg cb{fnPtr(fn), [fn](const QJsonArray& a) {
+                             // (data, length, kind); the length never past the data given.
                              const QByteArray data = a.at(0).toString().toUtf8();
-                             fn(data.constData(), data.size(), a.at(1).toInt());
+                             fn(data.constData(), qBound(0, a.at(1).toInt(), data.size()), a.at(2).toInt());
                          }};
     return traced<bool>("AutoLivingBody", {cb}, [&] { return portable::autoLivingBody(fn); });
 }

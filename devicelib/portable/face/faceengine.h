@@ -4,7 +4,7 @@
 // with dlib's shape predictor (Debian's libdlib-data), and it is aligned on the eye centres
 // into a 128 x 128 grey picture. Its feature is the local-binary-pattern histogram of that
 // picture: 8 x 8 cells, 59 uniform patterns each, one byte per bin (count + 1, so never 0),
-// behind a 4-byte tag. Two features score 100 * exp(-d / 0.55) where d is the chi-square
+// behind a 4-byte tag. Two features score 100 * exp(-d / 0.9) where d is the chi-square
 // distance of the cell histograms, normalised per cell.
 #pragma once
 
@@ -44,7 +44,7 @@ public:
     // 0..100; -1 when either is not a feature of kFeatureSize bytes.
     static int compare(const std::string& a, const std::string& b);
     // The distance at which the score has fallen to 1/e of 100.
-    static constexpr double kScale = 0.55;
+    static constexpr double kScale = 0.9;
     bool hasLandmarks();
 
     // Loads an image file for comparison: BadFile (missing, undecodable), TooLarge (over

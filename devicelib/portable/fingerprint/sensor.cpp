@@ -273,7 +273,7 @@ int fingerMatch(int mode, const char* probe, int count, const char* stored)
                                "(%4 stored)").arg(np).arg(ns).arg(kTemplateSize).arg(count));
         return -1;
     }
-    const int threshold = static_cast<int>(profileNumber(QStringLiteral("fingerprint.threshold"), 30));
+    const int threshold = static_cast<int>(profileNumber(QStringLiteral("fingerprint.threshold"), 40));
     int bestIndex = 0, bestScore = 0;
     for (int i = 0; i < count; ++i) {
         std::vector<Minutia> s;
