@@ -7,9 +7,6 @@
 #include "fixture.h"
 
 #include <QFile>
-#include <QLocalServer>
-#include <QLocalSocket>
-#include <QProcessEnvironment>
 #include <QTest>
 
 #include <opencv2/imgcodecs.hpp>
@@ -269,6 +266,7 @@ private slots:
         QTest::newRow("simulated finger") << QByteArray(R"({"fingerprint":{"sensor":"simulated","finger":4}})") << 3000 << QByteArray("|46505431");
         QTest::newRow("no finger") << QByteArray(R"({"fingerprint":{"sensor":"simulated","finger":0}})") << 300 << QByteArray("-1||");
         QTest::newRow("finger too late") << QByteArray(R"({"fingerprint":{"sensor":"simulated"}})") << 200 << QByteArray("-1||");
+        QTest::newRow("no sensor attached") << QByteArray(R"({"fingerprint":{"finger":2}})") << 3000 << QByteArray("|46505431");
         QTest::newRow("no sensor") << QByteArray(R"({"fingerprint":{"sensor":"none"}})") << 1000 << QByteArray("-2||");
     }
     void fingerCapture()
@@ -285,6 +283,7 @@ private slots:
         if (score > 0)
             QVERIFY(got.contains("|iVBORw0KGgo"));   // a PNG
     }
+
 };
 
 QTEST_MAIN(TestBiometrics)

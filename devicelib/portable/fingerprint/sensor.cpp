@@ -80,9 +80,11 @@ Capture simulated(int timeoutMs, const std::atomic<bool>& stop)
     return fromImage(img, extractMinutiae(img), "the simulated sensor");
 }
 
-// libfprint's asynchronous calls, run to their end on this thread's own main context.
+// libfprint's asynchronous calls, run to their end on GLib's default main context: libfprint
+// waits for its devices there (a context of our own would never see them). The program's
+// event loop may iterate the same context, so the flag is atomic.
 struct Wait {
-    bool done = false;
+    std::atomic<bool> done{false};
     GObject* source = nullptr;
     GAsyncResult* result = nullptr;
 };
@@ -109,8 +111,10 @@ void runUntil(GMainContext* ctx, Wait& w, GCancellable* cancel, Clock::time_poin
 Capture withLibfprint(int timeoutMs, const std::atomic<bool>& stop)
 {
     Capture c{-2, {}, {}, "no fingerprint sensor"};
-    GMainContext* ctx = g_main_context_new();
-    g_main_context_push_thread_default(ctx);
+    GMainContext* ctx = g_main_context_default();
+    // libfprint's own waits block in that context; when the event loop dispatches what they
+    // wait for, only a later event wakes them. A tick makes sure one comes.
+    const guint tick = g_timeout_add(50, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     FpContext* fp = fp_context_new();
     GPtrArray* devices = fp_context_get_devices(fp);
     GCancellable* cancel = g_cancellable_new();
@@ -167,8 +171,7 @@ Capture withLibfprint(int timeoutMs, const std::atomic<bool>& stop)
     }
     g_object_unref(cancel);
     g_object_unref(fp);
-    g_main_context_pop_thread_default(ctx);
-    g_main_context_unref(ctx);
+    g_source_remove(tick);
     return c;
 }
 
