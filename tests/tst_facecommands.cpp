@@ -49,7 +49,7 @@ private:
     }
 
     // At least n messages (or what came in 5 s), then whatever follows them closely.
-    QStringList collect(int n, int quietMs = 300)
+    QStringList collect(int n, int quietMs = 150)
     {
         QStringList got;
         QElapsedTimer t;

@@ -32,7 +32,7 @@ const cv::Point2f kEyes[2][6] = {
 };
 
 constexpr int kBlinkPeriod = 45;
-constexpr int kBlinkStart = 20;   // the first blink 1.3 s after opening
+constexpr int kBlinkStart = 8;   // the first blink about half a second after opening
 
 cv::Mat loadPhoto()
 {

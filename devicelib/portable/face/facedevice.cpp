@@ -95,16 +95,20 @@ Jobs& jobs()
     return *j;
 }
 
-// The running AutoLivingBody session's stop flag.
+// The running AutoLivingBody session: told to stop, and telling when it has.
+struct AutoSession {
+    std::atomic<bool> stop{false};
+    std::atomic<bool> ended{false};
+};
 std::mutex g_autoMutex;
-std::shared_ptr<std::atomic<bool>> g_autoStop;
+std::shared_ptr<AutoSession> g_auto;
 
 void stopJobs()
 {
     {
         std::lock_guard<std::mutex> lock(g_autoMutex);
-        if (g_autoStop)
-            *g_autoStop = true;
+        if (g_auto)
+            g_auto->stop = true;
     }
     jobs().stopAll();
 }
@@ -489,20 +493,22 @@ bool autoLivingBody(LivingBodyDataFn fn)
 {
     if (!fn)
         return false;
-    auto stop = std::make_shared<std::atomic<bool>>(false);
+    auto session = std::make_shared<AutoSession>();
     {
         std::lock_guard<std::mutex> lock(g_autoMutex);
-        if (g_autoStop)
-            *g_autoStop = true;   // one session at a time: the newest page's
-        g_autoStop = stop;
+        if (g_auto)
+            g_auto->stop = true;   // one session at a time: the newest page's
+        g_auto = session;
     }
     const int previewWidth = static_cast<int>(profileNumber(QStringLiteral("camera.previewWidth"), 1280));
     jobs().start([=](const std::atomic<bool>& jobStop) {
         std::atomic<bool> either{false};
         bool reported = false;
         auto onFrame = [&](const cv::Mat& bgr, const std::optional<FaceShape>& face) {
-            if (*stop || jobStop)
+            if (session->stop || jobStop)
                 either = true;
+            if (either)
+                return;
             cv::Mat shown = bgr.clone();
             if (face)
                 cv::rectangle(shown, face->box, cv::Scalar(0, 200, 0), 2);
@@ -525,27 +531,29 @@ bool autoLivingBody(LivingBodyDataFn fn)
         };
         // First until decided, then streaming until stopped.
         const LivenessResult r = runLiveness(kFaceCamera, std::chrono::seconds(10), either, onFrame);
-        if (!r.cameraOk)
-            return;
-        if (!either)
+        if (r.cameraOk && !either)
             deliver(r);
-        if (!either)
+        if (r.cameraOk && !either)
             runLiveness(kFaceCamera, std::chrono::seconds(0), either, onFrame, true);
+        session->ended = true;
     });
     return true;
 }
 
 void closeLivingBody(LivingBodyDoneFn fn)
 {
-    std::shared_ptr<std::atomic<bool>> stop;
+    std::shared_ptr<AutoSession> session;
     {
         std::lock_guard<std::mutex> lock(g_autoMutex);
-        stop.swap(g_autoStop);
+        session.swap(g_auto);
     }
-    if (stop)
-        *stop = true;
-    // The done callback comes from the library's thread, once, whether a session ran or not.
-    jobs().start([fn](const std::atomic<bool>&) {
+    if (session)
+        session->stop = true;
+    // The done callback comes from the library's thread, once, whether a session ran or not,
+    // after the session's last frame.
+    jobs().start([fn, session](const std::atomic<bool>& stop) {
+        while (session && !session->ended && !stop)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         traceCallback("CloseLivingBody", {});
         if (fn)
             fn();

@@ -114,9 +114,9 @@ std::optional<FaceShape> FaceEngine::find(const cv::Mat& grey, bool tryRotations
     if (grey.empty())
         return std::nullopt;
     Models& m = models();
-    // Detection on a picture at most 640 pixels across: faces at a counter fill a good part
-    // of the view, and the cascade's time grows with the area.
-    const double scale = std::min(1.0, 640.0 / std::max(grey.cols, grey.rows));
+    // Detection on a picture at most 640 pixels across (400 for camera frames, where the
+    // customer's face fills a good part of the view): the cascade's time grows with the area.
+    const double scale = std::min(1.0, (tryRotations ? 640.0 : 400.0) / std::max(grey.cols, grey.rows));
     cv::Mat small;
     cv::resize(grey, small, cv::Size(), scale, scale, cv::INTER_AREA);
     cv::equalizeHist(small, small);

@@ -98,7 +98,7 @@ void LivenessWindow::show(const cv::Mat& bgr, const cv::Rect& box)
     if (box.area() > 0)
         cv::rectangle(rgb, box, cv::Scalar(0, 200, 0), 2);
     const QImage image = QImage(rgb.data, rgb.cols, rgb.rows, static_cast<int>(rgb.step), QImage::Format_RGB888).copy();
-    QPointer<QWidget> widget(m_widget);
+    const QPointer<QWidget> widget = m_widget;
     QMetaObject::invokeMethod(QCoreApplication::instance(), [widget, image] {
         if (auto* w = static_cast<Widget*>(widget.data()))
             w->view->setPixmap(QPixmap::fromImage(image).scaled(w->view->size(), Qt::KeepAspectRatio));
@@ -107,10 +107,10 @@ void LivenessWindow::show(const cv::Mat& bgr, const cv::Rect& box)
 
 void LivenessWindow::finish(bool live)
 {
-    if (!m_widget || !QCoreApplication::instance())
+    if (!QCoreApplication::instance())
         return;
-    QPointer<QWidget> widget(m_widget);
-    m_widget = nullptr;
+    const QPointer<QWidget> widget = m_widget;
+    m_widget.clear();
     QMetaObject::invokeMethod(QCoreApplication::instance(), [widget, live] {
         if (auto* w = static_cast<Widget*>(widget.data())) {
             w->finished = true;

@@ -3,12 +3,13 @@
 // itself lives on the GUI thread.
 #pragma once
 
+#include <QPointer>
+#include <QWidget>
+
 #include <opencv2/core.hpp>
 
 #include <atomic>
 #include <memory>
-
-class QWidget;
 
 namespace portable {
 
@@ -28,7 +29,9 @@ public:
 
 private:
     LivenessWindow() = default;
-    QWidget* m_widget = nullptr;   // owned by the GUI thread; deleted there by finish()
+    // Owned by the GUI thread, which deletes it when it closes; a guarded pointer, because the
+    // customer may close it at any time.
+    QPointer<QWidget> m_widget;
     std::shared_ptr<std::atomic<bool>> m_closed = std::make_shared<std::atomic<bool>>(false);
 };
 
