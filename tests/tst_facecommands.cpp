@@ -96,6 +96,9 @@ private slots:
         row("lImageIdMatch(a.jpg,b.jpg)", R"({"lImageIdMatch":[-1]})", {"BeginlImageIdMatch-1EndlImageIdMatch"}, {R"(lImageIdMatch("a.jpg","b.jpg"))"});
         row("bImageMatch(a.jpg)", "{}", {"BeginbImageMatchfalseEndbImageMatch"}, {});
         row("bImageMatch(a.jpg,b.jpg)", R"({"bImageMatch":[true]})", {"BeginbImageMatchtrueEndbImageMatch"}, {R"(bImageMatch("a.jpg","b.jpg"))"});
+        // A malformed delay is not a script: the call runs for real (no such files: no match).
+        row("bImageMatch(/nonexistent/a.jpg,b.jpg)", R"({"bImageMatch":[{"ret":true,"delayMs":-5}]})", {"BeginbImageMatchfalseEndbImageMatch"},
+            {R"(bImageMatch("/nonexistent/a.jpg","b.jpg"))"});
         // Features: more than 20 characters, more than 100 bytes, a negative score sent as 0.
         row("lFaceFeatureMatch(" + QString(20, 'Q') + "," + b64(101) + ")", "{}", {"BeginlFaceFeatureMatch0EndlFaceFeatureMatch"}, {});
         row("lFaceFeatureMatch(" + b64(100) + "," + b64(101) + ")", "{}", {"BeginlFaceFeatureMatch0EndlFaceFeatureMatch"}, {});
