@@ -8,6 +8,7 @@
 
 #include <QApplication>
 #include <QFile>
+#include <QLocalSocket>
 #include <QWidget>
 #include <QTest>
 
@@ -328,6 +329,36 @@ private slots:
             QVERIFY(got.contains("|iVBORw0KGgo"));   // a PNG
     }
 
+
+    // The libfprint path, through libfprint's own virtual_image driver: the test is the finger,
+    // sending a synthetic ridge image over the driver's socket.
+    void libfprintVirtualImage()
+    {
+        QTemporaryDir dir;
+        const QString socketPath = dir.filePath("fp.sock");
+        qputenv("FP_VIRTUAL_IMAGE", QFile::encodeName(socketPath));
+        loadProfileText(R"({"fingerprint":{"sensor":"libfprint"}})");
+        fingerCaptureRawData(8000, onCapture, nullptr);
+        QLocalSocket finger;
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(socketPath), 5000);
+        finger.connectToServer(socketPath);
+        QTRY_COMPARE(finger.state(), QLocalSocket::ConnectedState);
+        const cv::Mat img = renderFinger(6, 3, {4, -3}, 8, 5);
+        QByteArray frame;
+        for (qint32 v : {qint32(img.cols), qint32(img.rows)})
+            frame.append(reinterpret_cast<const char*>(&v), sizeof v);
+        frame.append(reinterpret_cast<const char*>(img.data), int(img.total()));
+        finger.write(frame);
+        QVERIFY(finger.waitForBytesWritten(2000));
+        QTRY_VERIFY_WITH_TIMEOUT(g_events->has(1), 10000);
+        qunsetenv("FP_VIRTUAL_IMAGE");
+        const QList<QByteArray> parts = g_events->at(0).split('|');
+        QVERIFY2(parts.value(0).toInt() >= 0 && parts.value(3).contains("libfprint"), g_events->at(0).constData());
+        // The same finger from the simulated sensor matches what libfprint saw.
+        const QByteArray probe = QByteArray::fromHex(parts.value(1));
+        const QByteArray stored = fingerTemplate(6, -2, 0, 0, 9);
+        QVERIFY(lFingerMatch(1, probe.constData(), 1, stored.constData()) >= 40);
+    }
 };
 
 QTEST_MAIN(TestBiometrics)

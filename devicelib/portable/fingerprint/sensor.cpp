@@ -10,6 +10,7 @@
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/fingerprint/fingerprint.h"
 
+#include <QAbstractEventDispatcher>
 #include <QBuffer>
 #include <QByteArray>
 #include <QCoreApplication>
@@ -18,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <list>
 #include <memory>
@@ -80,99 +82,165 @@ Capture simulated(int timeoutMs, const std::atomic<bool>& stop)
     return fromImage(img, extractMinutiae(img), "the simulated sensor");
 }
 
-// libfprint's asynchronous calls, run to their end on GLib's default main context: libfprint
-// waits for its devices there (a context of our own would never see them). The program's
-// event loop may iterate the same context, so the flag is atomic.
-struct Wait {
-    std::atomic<bool> done{false};
-    GObject* source = nullptr;
-    GAsyncResult* result = nullptr;
+// One libfprint capture, driven by GLib callbacks on whichever thread runs GLib's default main
+// context: the program's event loop when it runs on GLib (Qt's usual loop), else the capture
+// thread itself. libfprint waits for its devices in that context, so two threads must not take
+// turns at it. The capture thread waits for the outcome and cancels on time-out.
+struct FpJob {
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    GCancellable* cancel = g_cancellable_new();
+    FpContext* context = nullptr;
+    FpDevice* device = nullptr;
+    Capture failure{-2, {}, {}, "no fingerprint sensor"};
+    cv::Mat grey;
+    std::vector<cv::Point2f> points;
+
+    ~FpJob()
+    {
+        g_object_unref(cancel);
+        if (context)
+            g_object_unref(context);
+    }
+    void fail(int score, const QByteArray& msg, GError* err = nullptr)
+    {
+        failure = {score, {}, {}, err ? msg + ": " + QByteArray(err->message) : msg};
+        g_clear_error(&err);
+    }
 };
 
-void finished(GObject* source, GAsyncResult* res, gpointer data)
+void fpEnd(FpJob* job)
 {
-    auto* w = static_cast<Wait*>(data);
-    w->done = true;
-    w->source = source;
-    w->result = G_ASYNC_RESULT(g_object_ref(res));
+    std::lock_guard<std::mutex> lock(job->mutex);
+    job->done = true;
+    job->finished.notify_all();
 }
 
-void runUntil(GMainContext* ctx, Wait& w, GCancellable* cancel, Clock::time_point deadline, const std::atomic<bool>& stop)
+void fpClosed(GObject* device, GAsyncResult* res, gpointer data)
 {
-    while (!w.done) {
-        if ((stop || Clock::now() >= deadline) && !g_cancellable_is_cancelled(cancel))
-            g_cancellable_cancel(cancel);
-        if (!g_main_context_iteration(ctx, FALSE))
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    fp_device_close_finish(FP_DEVICE(device), res, nullptr);
+    fpEnd(static_cast<FpJob*>(data));
+}
+
+void fpClose(FpJob* job)
+{
+    fp_device_close(job->device, nullptr, fpClosed, job);
+}
+
+void fpDetected(GObject* source, GAsyncResult* res, gpointer data)
+{
+    auto* job = static_cast<FpJob*>(data);
+    FpImage* image = FP_IMAGE(source);
+    GError* err = nullptr;
+    if (fp_image_detect_minutiae_finish(image, res, &err)) {
+        GPtrArray* found = fp_image_get_minutiae(image);
+        for (guint i = 0; found && i < found->len && job->points.size() < static_cast<size_t>(kMaxMinutiae); ++i) {
+            gint x = 0, y = 0;
+            fp_minutia_get_coords(static_cast<FpMinutia*>(g_ptr_array_index(found, i)), &x, &y);
+            job->points.emplace_back(static_cast<float>(x), static_cast<float>(y));
+        }
+        gsize len = 0;
+        const guchar* pixels = fp_image_get_data(image, &len);
+        const int w = static_cast<int>(fp_image_get_width(image)), h = static_cast<int>(fp_image_get_height(image));
+        if (pixels && w > 0 && h > 0 && len >= static_cast<gsize>(w) * h)
+            job->grey = cv::Mat(h, w, CV_8U, const_cast<guchar*>(pixels)).clone();
+        else
+            job->fail(-3, "bad capture: no image data");
+    } else {
+        job->fail(-3, "bad capture: no minutiae", err);
     }
+    g_object_unref(image);
+    fpClose(job);
+}
+
+void fpCaptured(GObject* device, GAsyncResult* res, gpointer data)
+{
+    auto* job = static_cast<FpJob*>(data);
+    GError* err = nullptr;
+    FpImage* image = fp_device_capture_finish(FP_DEVICE(device), res, &err);
+    if (!image) {
+        const bool timedOut = g_cancellable_is_cancelled(job->cancel);
+        job->fail(timedOut ? -1 : -3, timedOut ? "time-out" : "bad capture", err);
+        fpClose(job);
+        return;
+    }
+    fp_image_detect_minutiae(image, nullptr, fpDetected, job);
+}
+
+void fpOpened(GObject* device, GAsyncResult* res, gpointer data)
+{
+    auto* job = static_cast<FpJob*>(data);
+    GError* err = nullptr;
+    if (!fp_device_open_finish(FP_DEVICE(device), res, &err)) {
+        job->fail(-2, "the sensor cannot be opened", err);
+        fpEnd(job);
+    } else if (!fp_device_has_feature(job->device, FP_DEVICE_FEATURE_CAPTURE)) {
+        job->fail(-2, "the sensor gives no image (it matches on the chip)");
+        fpClose(job);
+    } else {
+        fp_device_capture(job->device, TRUE, job->cancel, fpCaptured, job);
+    }
+}
+
+void fpStart(FpJob* job)
+{
+    job->context = fp_context_new();
+    GPtrArray* devices = fp_context_get_devices(job->context);
+    if (!devices || devices->len == 0) {
+        fpEnd(job);
+        return;
+    }
+    job->device = FP_DEVICE(g_ptr_array_index(devices, 0));
+    fp_device_open(job->device, job->cancel, fpOpened, job);
+}
+
+bool eventLoopRunsGlib()
+{
+    QCoreApplication* app = QCoreApplication::instance();
+    QAbstractEventDispatcher* d = app ? QAbstractEventDispatcher::instance(app->thread()) : nullptr;
+    return d && d->inherits("QEventDispatcherGlib");
 }
 
 // A capture from the first libfprint device; score -2 when there is none.
 Capture withLibfprint(int timeoutMs, const std::atomic<bool>& stop)
 {
-    Capture c{-2, {}, {}, "no fingerprint sensor"};
-    GMainContext* ctx = g_main_context_default();
-    // libfprint's own waits block in that context; when the event loop dispatches what they
-    // wait for, only a later event wakes them. A tick makes sure one comes.
-    const guint tick = g_timeout_add(50, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-    FpContext* fp = fp_context_new();
-    GPtrArray* devices = fp_context_get_devices(fp);
-    GCancellable* cancel = g_cancellable_new();
+    auto job = std::make_shared<FpJob>();
+    const bool onEventLoop = eventLoopRunsGlib();
+    if (onEventLoop)
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [job] { fpStart(job.get()); }, Qt::QueuedConnection);
+    else
+        fpStart(job.get());
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    if (devices && devices->len > 0) {
-        FpDevice* dev = FP_DEVICE(g_ptr_array_index(devices, 0));
-        GError* err = nullptr;
-        if (!fp_device_open_sync(dev, cancel, &err)) {
-            c = {-2, {}, {}, QByteArray("the sensor cannot be opened: ") + (err ? err->message : "")};
-        } else if (!fp_device_has_feature(dev, FP_DEVICE_FEATURE_CAPTURE)) {
-            c = {-2, {}, {}, "the sensor gives no image (it matches on the chip)"};
-        } else {
-            Wait w;
-            fp_device_capture(dev, TRUE, cancel, finished, &w);
-            runUntil(ctx, w, cancel, deadline, stop);
-            FpImage* image = fp_device_capture_finish(dev, w.result, &err);
-            g_object_unref(w.result);
-            if (!image) {
-                const bool timedOut = g_cancellable_is_cancelled(cancel);
-                c = {timedOut ? -1 : -3, {}, {}, QByteArray(timedOut ? "time-out: " : "bad capture: ") + (err ? err->message : "")};
-            } else {
-                Wait m;
-                g_cancellable_reset(cancel);
-                fp_image_detect_minutiae(image, cancel, finished, &m);
-                runUntil(ctx, m, cancel, Clock::now() + std::chrono::seconds(10), stop);
-                g_clear_error(&err);
-                std::vector<cv::Point2f> points;
-                if (fp_image_detect_minutiae_finish(image, m.result, &err)) {
-                    GPtrArray* found = fp_image_get_minutiae(image);
-                    for (guint i = 0; found && i < found->len; ++i) {
-                        gint x = 0, y = 0;
-                        fp_minutia_get_coords(static_cast<FpMinutia*>(g_ptr_array_index(found, i)), &x, &y);
-                        points.emplace_back(static_cast<float>(x), static_cast<float>(y));
-                    }
-                }
-                g_object_unref(m.result);
-                gsize len = 0;
-                const guchar* data = fp_image_get_data(image, &len);
-                const int w2 = static_cast<int>(fp_image_get_width(image)), h2 = static_cast<int>(fp_image_get_height(image));
-                if (data && len >= static_cast<gsize>(w2) * h2 && w2 > 0 && h2 > 0) {
-                    const cv::Mat grey = cv::Mat(h2, w2, CV_8U, const_cast<guchar*>(data)).clone();
-                    if (points.size() > static_cast<size_t>(kMaxMinutiae))
-                        points.resize(kMaxMinutiae);
-                    c = fromImage(grey, withAngles(grey, points), "libfprint");
-                } else {
-                    c = {-3, {}, {}, "bad capture: no image data"};
-                }
-                g_object_unref(image);
+    for (;;) {
+        if ((stop || Clock::now() >= deadline) && !g_cancellable_is_cancelled(job->cancel))
+            g_cancellable_cancel(job->cancel);
+        if (!onEventLoop)
+            while (g_main_context_iteration(nullptr, FALSE)) {
             }
-            g_clear_error(&err);
-            fp_device_close_sync(dev, nullptr, nullptr);
+        std::unique_lock<std::mutex> lock(job->mutex);
+        if (job->finished.wait_for(lock, std::chrono::milliseconds(10), [&] { return job->done; }))
+            break;
+        // A sensor that ignores the cancel: give up a few seconds later. Its callbacks may
+        // still come, so the job is kept for them.
+        if (Clock::now() > deadline + std::chrono::seconds(5)) {
+            static std::mutex keptMutex;
+            static std::vector<std::shared_ptr<FpJob>> kept;
+            std::lock_guard<std::mutex> keep(keptMutex);
+            kept.push_back(job);
+            return {-1, {}, {}, "time-out: the sensor does not answer"};
         }
-        g_clear_error(&err);
     }
-    g_object_unref(cancel);
-    g_object_unref(fp);
-    g_source_remove(tick);
-    return c;
+    const Capture failure = job->failure;
+    const cv::Mat grey = job->grey;
+    const std::vector<cv::Point2f> points = job->points;
+    // libfprint's objects go where they were made.
+    if (onEventLoop)
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [job] {}, Qt::QueuedConnection);
+    job.reset();
+    if (grey.empty())
+        return failure;
+    return fromImage(grey, withAngles(grey, points), "libfprint");
 }
 
 // The capture threads, stopped and joined when the profile is replaced or the program ends.
