@@ -171,9 +171,9 @@ private slots:
     void imageMatchKeepsTheNewestPair()
     {
         Trace trace;
-        applyScript(R"({"lImageMatch":[{"ret":11,"delayMs":400},22,33]})");
+        applyScript(R"({"lImageMatch":[{"ret":11,"delayMs":1200},22,33]})");
         m_run.recv_msg("lImageMatch(a0,b0)", m_page.serverSide());
-        QTest::qWait(100);
+        QTest::qWait(300);
         for (int i = 1; i <= 5; ++i)
             m_run.recv_msg(QStringLiteral("lImageMatch(a%1,b%1)").arg(i), m_page.serverSide());
         QCOMPARE(collect(2, 800), (QStringList{"*BeginlImageMatch11EndlImageMatch", "*BeginlImageMatch22EndlImageMatch"}));
@@ -195,11 +195,11 @@ private slots:
     // A library event finds no page once the page that asked has left.
     void eventsGoToTheCurrentPageOnly()
     {
-        applyScript(R"({"bLivingBodyDetectOnline":[{"ret":true,"cb":[[1]],"delayMs":300}]})");
+        applyScript(R"({"bLivingBodyDetectOnline":[{"ret":true,"cb":[[1]],"delayMs":1000}]})");
         m_run.recv_msg("bLivingBodyDetectOnline(1,0)", m_page.serverSide());
         QCOMPARE(m_page.next(), QStringLiteral("BeginbLivingBodyDetectOnlinetrueEndbLivingBodyDetectOnline"));
         gpWebSocket = nullptr;
-        QTest::qWait(600);
+        QTest::qWait(1300);
         QCOMPARE(settle(), QStringList());
     }
 
@@ -207,7 +207,7 @@ private slots:
     void livingBodyPagePausesThePreview()
     {
         CaptureImgThreadTestAccess::setDelays(0, 0, 0, 0);
-        applyScript(R"({"DemoUIShow":[{"cb":[[1]],"delayMs":400}]})");
+        applyScript(R"({"DemoUIShow":[{"cb":[[1]],"delayMs":1200}]})");
         m_run.recv_msg("ShowLivingBodyPage()", m_page.serverSide());
         CaptureImgThread::instance()->closeCamera();
         QTest::qWait(200);
