@@ -14,8 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <thread>
 
 namespace portable {
 
@@ -50,6 +53,12 @@ struct State {
     QString tracePath;
     bool traceFrames = false;
     bool traceInit = false;
+
+    // Scripted callbacks on their way: a profile change waits for them, so none reaches a
+    // test that has moved on.
+    std::mutex deliveryMutex;
+    std::condition_variable deliveryDone;
+    int deliveries = 0;
 };
 
 // Never destroyed: the camera's cameras and the capture button are closed by static
@@ -263,6 +272,24 @@ Arg::Arg(double d)
 Arg::Arg(FnArg f) : m_json(f.p ? "\"<fn>\"" : "null") {}
 Arg::Arg(ObjectArg o) : m_json(o.p ? "\"<object>\"" : "null") {}
 Arg::Arg(Out& out) : m_json("\"<out>\""), m_out(&out) {}
+Arg::Arg(PtrArg p) : m_json(p.p ? "\"<ptr>\"" : "null") {}
+Arg::Arg(const CallbackArg& cb) : m_json(cb.fn ? "\"<fn>\"" : "null"), m_cb(&cb) {}
+Arg::Arg(BytesArg b)
+{
+    static const char* hex = "0123456789abcdef";
+    if (!b.p) {
+        m_json = "null";
+        return;
+    }
+    const auto* p = static_cast<const unsigned char*>(b.p);
+    m_json.reserve(b.n * 2 + 2);
+    m_json += '"';
+    for (size_t i = 0; i < b.n; ++i) {
+        m_json += hex[p[i] >> 4];
+        m_json += hex[p[i] & 15];
+    }
+    m_json += '"';
+}
 
 static std::string imageJson(int w, int h, const char* format)
 {
@@ -440,8 +467,18 @@ static void runResetHooks()
         h();
 }
 
+// Waits (a few seconds at most) until no scripted callback is on its way.
+static void waitForDeliveries()
+{
+    State& s = state();
+    std::unique_lock<std::mutex> lock(s.deliveryMutex);
+    if (!s.deliveryDone.wait_for(lock, std::chrono::seconds(5), [&] { return s.deliveries == 0; }))
+        logLine(QStringLiteral("scripted callbacks still running while the profile changes"));
+}
+
 void loadProfileText(const QByteArray& json, const QString& sourceName)
 {
+    waitForDeliveries();
     {
         State& s = state();
         std::lock_guard<std::recursive_mutex> lock(s.mutex);
@@ -452,6 +489,7 @@ void loadProfileText(const QByteArray& json, const QString& sourceName)
 
 void reloadProfile()
 {
+    waitForDeliveries();
     {
         State& s = state();
         std::lock_guard<std::recursive_mutex> lock(s.mutex);
@@ -611,6 +649,117 @@ void writeTrace(const char* fn, std::initializer_list<Arg> args, const std::stri
     std::fflush(s.trace);
 }
 
+static void writeLine(const std::string& line)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.traceMutex);
+    initTraceLocked(s);
+    if (!s.trace)
+        return;
+    std::fwrite(line.data(), 1, line.size(), s.trace);
+    std::fflush(s.trace);
+}
+
+static std::string callbackLine(const char* fn, const std::string& argsJson)
+{
+    return "{\"fn\":" + jsonString(std::string(fn) + ".cb") + ",\"args\":[" + argsJson + "]}\n";
+}
+
+bool readExtras(const char* fn, const QJsonValue& entry, ScriptExtras& extras)
+{
+    const QJsonObject o = entry.toObject();
+    const QJsonValue delay = o.value("delayMs");
+    if (!delay.isUndefined()) {
+        // A minute at most: a script rehearses a slow device, not a hung one.
+        if (!delay.isDouble() || delay.toDouble() < 0 || delay.toDouble() > 60000) {
+            logLine(QStringLiteral("device profile %1: key \"script.%2\": \"delayMs\" is not 0 to 60000")
+                        .arg(profileSource(), QLatin1String(fn)));
+            return false;
+        }
+        extras.delayMs = delay.toInt();
+    }
+    const QJsonValue cb = o.value("cb");
+    if (!cb.isUndefined()) {
+        bool ok = cb.isArray();
+        for (const QJsonValue& e : cb.toArray())
+            ok = ok && e.isArray();
+        if (!ok) {
+            logLine(QStringLiteral("device profile %1: key \"script.%2\": \"cb\" is not a list of argument lists")
+                        .arg(profileSource(), QLatin1String(fn)));
+            return false;
+        }
+        extras.callbacks = cb.toArray();
+        extras.hasCallbacks = true;
+    }
+    return true;
+}
+
+static const CallbackArg* findCallback(std::initializer_list<Arg> args)
+{
+    for (const Arg& a : args)
+        if (a.callback())
+            return a.callback();
+    return nullptr;
+}
+
+static void deliverAll(const char* fn, const CallbackArg& cb, const QJsonArray& lists)
+{
+    for (const QJsonValue& list : lists) {
+        const QJsonArray a = list.toArray();
+        const QByteArray json = QJsonDocument(a).toJson(QJsonDocument::Compact);
+        writeLine(callbackLine(fn, json.mid(1, json.size() - 2).toStdString()));
+        if (cb.fn && cb.deliver)
+            cb.deliver(a);
+    }
+}
+
+void beforeReturn(const char* fn, std::initializer_list<Arg> args, const ScriptExtras& extras)
+{
+    const CallbackArg* cb = findCallback(args);
+    const bool now = extras.hasCallbacks && cb && cb->beforeReturn;
+    if (extras.delayMs > 0 && (now || !extras.hasCallbacks || !cb))
+        std::this_thread::sleep_for(std::chrono::milliseconds(extras.delayMs));
+    if (extras.hasCallbacks && !cb)
+        logLine(QStringLiteral("device profile %1: key \"script.%2\": \"cb\" given, but the function takes no callback")
+                    .arg(profileSource(), QLatin1String(fn)));
+    if (now)
+        deliverAll(fn, *cb, extras.callbacks);
+}
+
+void afterReturn(const char* fn, std::initializer_list<Arg> args, const ScriptExtras& extras)
+{
+    const CallbackArg* cb = findCallback(args);
+    if (!extras.hasCallbacks || !cb || cb->beforeReturn)
+        return;
+    State& s = state();
+    {
+        std::lock_guard<std::mutex> lock(s.deliveryMutex);
+        ++s.deliveries;
+    }
+    // The library's own thread, as a real device's callbacks come from one.
+    std::thread([name = std::string(fn), copy = *cb, extras, &s] {
+        if (extras.delayMs > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(extras.delayMs));
+        deliverAll(name.c_str(), copy, extras.callbacks);
+        std::lock_guard<std::mutex> lock(s.deliveryMutex);
+        --s.deliveries;
+        s.deliveryDone.notify_all();
+    }).detach();
+}
+
 }  // namespace detail
+
+void traceCallback(const char* fn, std::initializer_list<Arg> args)
+{
+    std::string json;
+    bool first = true;
+    for (const Arg& a : args) {
+        if (!first)
+            json += ',';
+        first = false;
+        json += a.json();
+    }
+    detail::writeLine(detail::callbackLine(fn, json));
+}
 
 }  // namespace portable

@@ -121,6 +121,27 @@ struct ObjectArg {
     const void* p;
 };
 
+// A caller's context pointer, traced as "<ptr>".
+struct PtrArg {
+    const void* p;
+};
+
+// A byte buffer (a feature, a template), traced as its hex.
+struct BytesArg {
+    const void* p;
+    size_t n;
+};
+
+// A callback the library will call, traced as "<fn>". A scripted entry {"cb": [[...], ...]}
+// hands each inner list to deliver() instead of the real work: after the call returned, on a
+// thread of the library, or before it returns when beforeReturn is set (a function that calls
+// back before returning). Each delivery is traced as "<function>.cb" with the list as its args.
+struct CallbackArg {
+    const void* fn;
+    std::function<void(const QJsonArray&)> deliver;
+    bool beforeReturn = false;
+};
+
 // ---------------------------------------------------------------------------------------------
 // One argument as the trace shows it.
 class Arg {
@@ -130,6 +151,9 @@ public:
     Arg(double d);
     Arg(FnArg f);
     Arg(ObjectArg o);
+    Arg(PtrArg p);
+    Arg(BytesArg b);
+    Arg(const CallbackArg& cb);
     Arg(Out& out);
     template <class T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
     Arg(T v) : m_json(std::to_string(v))
@@ -138,11 +162,16 @@ public:
 
     const std::string& json() const { return m_json; }
     Out* out() const { return m_out; }
+    const CallbackArg* callback() const { return m_cb; }
 
 private:
     std::string m_json;
     Out* m_out = nullptr;
+    const CallbackArg* m_cb = nullptr;
 };
+
+// Writes the trace line of one delivered callback: {"fn":"<fn>.cb","args":[...]}.
+void traceCallback(const char* fn, std::initializer_list<Arg> args);
 
 // JSON text of a byte string, as passed: valid UTF-8 is kept, each invalid byte becomes \xNN.
 std::string jsonString(const char* s);
@@ -191,6 +220,20 @@ void scriptTypeMismatch(const char* fn, const char* expected, const QJsonValue& 
 bool fillOuts(const char* fn, std::initializer_list<Arg> args, const QJsonValue& outs);
 bool traceEnabled(const char* fn);
 void writeTrace(const char* fn, std::initializer_list<Arg> args, const std::string* ret);
+
+// What a scripted entry asks beyond its result: a delay and callback deliveries.
+struct ScriptExtras {
+    int delayMs = 0;
+    QJsonArray callbacks;
+    bool hasCallbacks = false;
+};
+// Reads "delayMs" and "cb" of an object entry; false (with a log line) when they are malformed.
+bool readExtras(const char* fn, const QJsonValue& entry, ScriptExtras& extras);
+// Before the result is traced: waits the delay, and delivers the callbacks that must arrive
+// before the call returns.
+void beforeReturn(const char* fn, std::initializer_list<Arg> args, const ScriptExtras& extras);
+// After the result is traced: starts the delivery of the callbacks that arrive later.
+void afterReturn(const char* fn, std::initializer_list<Arg> args, const ScriptExtras& extras);
 
 template <class R>
 bool fromScript(const QJsonValue& v, R& out)
@@ -252,29 +295,37 @@ R traced(const char* fn, std::initializer_list<Arg> args, F&& real)
     std::optional<QJsonValue> entry = detail::takeScript(fn);
     if constexpr (std::is_void_v<R>) {
         bool scripted = false;
+        detail::ScriptExtras extras;
         if (entry) {
-            // A void call takes null, or {"out":[...]} to fill its output parameters.
+            // A void call takes null, or {"out":[...]} to fill its output parameters, with
+            // "cb" and "delayMs" as for any call.
             if (entry->isNull())
                 scripted = true;
-            else if (entry->isObject() && detail::fillOuts(fn, args, entry->toObject().value("out")))
+            else if (entry->isObject() && detail::readExtras(fn, *entry, extras)
+                     && detail::fillOuts(fn, args, entry->toObject().value("out")))
                 scripted = true;
             else
-                detail::scriptTypeMismatch(fn, "null or an object with \"out\"", *entry);
+                detail::scriptTypeMismatch(fn, "null or an object with \"out\", \"cb\" or \"delayMs\"", *entry);
         }
         if (!scripted)
             real();
+        else
+            detail::beforeReturn(fn, args, extras);
         if (detail::traceEnabled(fn))
             detail::writeTrace(fn, args, nullptr);
+        if (scripted)
+            detail::afterReturn(fn, args, extras);
     } else {
         R result{};
         bool scripted = false;
+        detail::ScriptExtras extras;
         if (entry) {
             QJsonValue ret = *entry;
             bool outsOk = true;
             if (entry->isObject()) {
                 const QJsonObject o = entry->toObject();
                 ret = o.value("ret");
-                outsOk = detail::fillOuts(fn, args, o.value("out"));
+                outsOk = detail::readExtras(fn, *entry, extras) && detail::fillOuts(fn, args, o.value("out"));
             }
             if (outsOk && detail::fromScript(ret, result))
                 scripted = true;
@@ -283,10 +334,14 @@ R traced(const char* fn, std::initializer_list<Arg> args, F&& real)
         }
         if (!scripted)
             result = real();
+        else
+            detail::beforeReturn(fn, args, extras);
         if (detail::traceEnabled(fn)) {
             const std::string r = detail::toTrace(result);
             detail::writeTrace(fn, args, &r);
         }
+        if (scripted)
+            detail::afterReturn(fn, args, extras);
         return result;
     }
 }

@@ -54,6 +54,8 @@ std::unique_ptr<CameraSource> makeCameraSource(int cameraNumber);
 std::unique_ptr<CameraSource> makeSyntheticSource(int cameraNumber, int width, int height, double fps, bool mjpeg);
 std::unique_ptr<CameraSource> makeV4l2Source(int cameraNumber, const QString& device);
 std::unique_ptr<CameraSource> makeFileSource(int cameraNumber, const QString& path, double fps);
+// The face camera's stand-in: a face photograph that sways and blinks.
+std::unique_ptr<CameraSource> makeFaceSource(int cameraNumber, int width, int height, double fps);
 
 // V4L2 capture devices of this machine, in a stable order (by-id names where there are some).
 QStringList v4l2CaptureDevices();
