@@ -14,7 +14,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <chrono>
+#include <csignal>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cmath>
@@ -105,10 +108,21 @@ std::vector<std::string> decode(const cv::Mat& grey, long kind)
     return texts;
 }
 
-bool readAll(int fd, void* data, size_t size)
+// A child that never finishes (stuck on a lock another thread held at the fork) is given up
+// on after this long, so a command never hangs on it.
+constexpr auto kReaderLimit = std::chrono::seconds(10);
+
+bool readAll(int fd, void* data, size_t size, std::chrono::steady_clock::time_point deadline)
 {
     auto* p = static_cast<char*>(data);
     while (size > 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd pfd{fd, POLLIN, 0};
+        const int ready = left.count() > 0 ? ::poll(&pfd, 1, static_cast<int>(left.count())) : 0;
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
         const ssize_t n = ::read(fd, p, size);
         if (n < 0 && errno == EINTR)
             continue;
@@ -163,13 +177,16 @@ std::vector<std::string> readBarcodes(const cv::Mat& image, long kind)
     ::close(fds[1]);
     std::vector<std::string> texts;
     uint32_t n = 0;
-    while (pid > 0 && readAll(fds[0], &n, sizeof n)) {
+    const auto deadline = std::chrono::steady_clock::now() + kReaderLimit;
+    while (pid > 0 && readAll(fds[0], &n, sizeof n, deadline)) {
         std::string t(n, '\0');
-        if (!readAll(fds[0], t.data(), n))
+        if (!readAll(fds[0], t.data(), n, deadline))
             break;
         texts.push_back(std::move(t));
     }
     ::close(fds[0]);
+    if (pid > 0 && std::chrono::steady_clock::now() >= deadline)
+        ::kill(pid, SIGKILL);
     int status = 0;
     pid_t reaped = -1;
     while (pid > 0 && (reaped = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
