@@ -164,7 +164,9 @@ bool apply(const QString& path, const QString& out, const QImage& image, const P
         const QString tmpPath = tmp.fileName();
         tmp.close();
         {
-            QPDFWriter writer(pdf, QFile::encodeName(tmpPath).constData());
+            // The writer keeps the file name it is given until it has written: hold the bytes.
+            const QByteArray tmpName = QFile::encodeName(tmpPath);
+            QPDFWriter writer(pdf, tmpName.constData());
             writer.write();
         }
         if (std::rename(QFile::encodeName(tmpPath).constData(), QFile::encodeName(out).constData()) != 0) {

@@ -67,10 +67,14 @@ namespace {
 
 std::once_flag g_loadOnce;
 std::shared_future<FaceEngine::Models*> g_models;
+// The models stay for the life of the process (camera threads may look for faces while statics
+// go); held here too, so they are still reachable once the future above is gone.
+FaceEngine::Models* g_loadedModels = nullptr;
 
 FaceEngine::Models* loadModels()
 {
     auto* m = new FaceEngine::Models;
+    g_loadedModels = m;
     const QString cascade = profileText(QStringLiteral("face.cascade"),
                                         QStringLiteral("/usr/share/opencv4/haarcascades/haarcascade_frontalface_alt2.xml"));
     if (!m->cascade.load(cascade.toStdString()))
