@@ -177,6 +177,30 @@ void traceCallback(const char* fn, std::initializer_list<Arg> args);
 std::string jsonString(const char* s);
 std::string jsonString(const std::string& s);
 
+// The caller's QString as an output parameter: traced as the text it holds after the call,
+// scripted with a string.
+class OutQString final : public Out {
+public:
+    explicit OutQString(QString* p) : m_p(p) {}
+    std::string traceJson() const override { return m_p ? jsonString(m_p->toStdString()) : "null"; }
+    bool fromScript(const QJsonValue& v) override
+    {
+        if (!v.isString())
+            return false;
+        if (m_p)
+            *m_p = v.toString();
+        return true;
+    }
+    void set(const QString& text)
+    {
+        if (m_p)
+            *m_p = text;
+    }
+
+private:
+    QString* m_p;
+};
+
 // ---------------------------------------------------------------------------------------------
 // Device profile.
 

@@ -12,30 +12,6 @@
 namespace portable {
 namespace {
 
-// The caller's QString as an output parameter: traced as the text it holds after the call,
-// scripted with a string.
-class OutQString final : public Out {
-public:
-    explicit OutQString(QString* p) : m_p(p) {}
-    std::string traceJson() const override { return m_p ? jsonString(m_p->toStdString()) : "null"; }
-    bool fromScript(const QJsonValue& v) override
-    {
-        if (!v.isString())
-            return false;
-        if (m_p)
-            *m_p = v.toString();
-        return true;
-    }
-    void set(const QString& text)
-    {
-        if (m_p)
-            *m_p = text;
-    }
-
-private:
-    QString* m_p;
-};
-
 // One read at a time on the reader; a read that cannot have it within 5 s is answered busy.
 std::timed_mutex g_reader;
 

@@ -103,11 +103,11 @@ public:
     }
     bool open(const QString& device)
     {
-        const pa_sample_spec spec{PA_SAMPLE_S16LE, kAudioRate, 1};
+        const pa_sample_spec format{PA_SAMPLE_S16LE, kAudioRate, 1};
         int error = 0;
         const QByteArray dev = device.toUtf8();
         m_pa = pa_simple_new(nullptr, "rvowebSocketServer", PA_STREAM_RECORD, device.isEmpty() ? nullptr : dev.constData(),
-                             "recording", &spec, nullptr, nullptr, &error);
+                             "recording", &format, nullptr, nullptr, &error);
         if (!m_pa) {
             logLine(QStringLiteral("recording: PulseAudio source \"%1\" cannot be opened: %2")
                         .arg(device.isEmpty() ? QStringLiteral("default") : device, QString::fromUtf8(pa_strerror(error))));

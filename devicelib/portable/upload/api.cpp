@@ -31,25 +31,6 @@ Text bodyOf(const upload::Request& r)
     return result.answered ? Text(result.body) : std::nullopt;
 }
 
-// The caller's QString as an output parameter: traced as the text it holds after the call,
-// scripted with a string.
-class OutQString final : public Out {
-public:
-    explicit OutQString(QString* p) : m_p(p) {}
-    std::string traceJson() const override { return m_p ? jsonString(m_p->toStdString()) : "null"; }
-    bool fromScript(const QJsonValue& v) override
-    {
-        if (!v.isString())
-            return false;
-        if (m_p)
-            *m_p = v.toString();
-        return true;
-    }
-
-private:
-    QString* m_p;
-};
-
 }  // namespace
 }  // namespace portable
 
