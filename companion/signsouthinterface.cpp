@@ -6,17 +6,11 @@
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 
 #include <cstdio>
 
 const QString SignSouthInterface::kServerName = QStringLiteral("SOUTHINTERFACE_ELECSIGNSERVER");
 const QString SignSouthInterface::kScript = QStringLiteral("/run-elecsign.sh");
-
-namespace {
-const int kConnectWaitMs = 30000;
-const int kRestartPauseMs = 2000;
-}  // namespace
 
 SignSouthInterface* SignSouthInterface::instance()
 {
@@ -28,44 +22,25 @@ SignSouthInterface* SignSouthInterface::instance()
 SignSouthInterface::SignSouthInterface(QObject* parent) : QObject(parent), m_socket(new QLocalSocket(this))
 {
     // A probe: whether the service is up is not used; every request starts it again.
-    m_socket->connectToServer(kServerName, QIODevice::ReadWrite);
-    m_socket->waitForConnected(companion::waitMs(kConnectWaitMs));
-    m_socket->disconnectFromServer();
-    m_socket->abort();
+    companion::probe(m_socket, kServerName);
     connect(m_socket, &QLocalSocket::stateChanged, this, &SignSouthInterface::slot_stateChanged);
     connect(m_socket, &QLocalSocket::readyRead, this, &SignSouthInterface::slot_readyRead);
-}
-
-void SignSouthInterface::launch()
-{
-    QProcess::startDetached(QStringLiteral("/bin/bash"),
-                            {QCoreApplication::applicationDirPath() + kScript});
 }
 
 bool SignSouthInterface::start()
 {
     if (isConnected()) {
-        m_socket->disconnectFromServer();
-        m_socket->abort();
-        companion::pause(kRestartPauseMs);
+        companion::drop(m_socket);
+        companion::pause(companion::kRestartPauseMs);
     }
     printf("start1\n");
     fflush(stdout);
     qDebug() << __LINE__ << __FUNCTION__ << "signsouthinterface";
-    launch();
-    for (int attempt = 1; attempt <= 3; ++attempt) {
-        m_socket->connectToServer(kServerName, QIODevice::ReadWrite);
-        m_socket->waitForConnected(companion::waitMs(kConnectWaitMs));
-        if (isConnected())
-            break;
-        companion::pause(kRestartPauseMs);
-        launch();
-        if (attempt == 3) {
+    companion::launch(kScript);
+    if (companion::connectAttempts(m_socket, kServerName, kScript, [] {
             printf("start36\n");
-            qDebug() << __LINE__ << __FUNCTION__ << "signsouthinterface" << "service not reachable after 3 attempts";
-        }
-    }
-    if (isConnected()) {
+            qDebug() << __LINE__ << "start" << "signsouthinterface" << "service not reachable after 3 attempts";
+        })) {
         printf("start3\n");
         fflush(stdout);
         return true;
@@ -78,10 +53,7 @@ bool SignSouthInterface::start()
 
 void SignSouthInterface::stop()
 {
-    if (!isConnected())
-        return;
-    m_socket->disconnectFromServer();
-    m_socket->abort();
+    companion::drop(m_socket);
 }
 
 void SignSouthInterface::DoGWQ_StartSign(QString pdfpath, QString xmlpath, QString location, QString retain, int timeout)
@@ -119,7 +91,7 @@ void SignSouthInterface::send(qint32 type, const QString& pdfpath, const QString
     m_socket->write(reinterpret_cast<const char*>(&length), 4);
     m_socket->write(json);
     m_socket->flush();
-    m_socket->waitForBytesWritten(companion::waitMs(kConnectWaitMs));
+    m_socket->waitForBytesWritten(companion::waitMs(companion::kConnectWaitMs));
     printf("sign3:%s\n", json.constData());
     fflush(stdout);
 }

@@ -37,7 +37,6 @@ private:
     explicit SignSouthInterface(QObject* parent);
     void send(qint32 type, const QString& pdfpath, const QString& xmlpath, const QString& location,
               const QString& retain, int timeout);
-    void launch();
 
     QLocalSocket* m_socket;
 };

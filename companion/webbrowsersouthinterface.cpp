@@ -4,7 +4,6 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QProcess>
 
 #include <cstdio>
 
@@ -12,8 +11,6 @@ const QString Webbrowsersouthinterface::kServerName = QStringLiteral("SOUTHINTER
 const QString Webbrowsersouthinterface::kScript = QStringLiteral("/run-webbrowser.sh");
 
 namespace {
-const int kConnectWaitMs = 30000;
-const int kRestartPauseMs = 2000;
 const int kLaunchPauseMs = 300;
 }  // namespace
 
@@ -27,36 +24,19 @@ Webbrowsersouthinterface* Webbrowsersouthinterface::instance()
 Webbrowsersouthinterface::Webbrowsersouthinterface(QObject* parent) : QObject(parent), m_socket(new QLocalSocket(this))
 {
     // A probe whose answer is not used: each page command starts the helper again.
-    m_socket->connectToServer(kServerName, QIODevice::ReadWrite);
-    m_socket->waitForConnected(companion::waitMs(kConnectWaitMs));
-    m_socket->disconnectFromServer();
-    m_socket->abort();
+    companion::probe(m_socket, kServerName);
     connect(m_socket, &QLocalSocket::readyRead, this, &Webbrowsersouthinterface::slot_readyRead);
-}
-
-void Webbrowsersouthinterface::launch()
-{
-    QProcess::startDetached(QStringLiteral("/bin/bash"), {QCoreApplication::applicationDirPath() + kScript});
 }
 
 bool Webbrowsersouthinterface::start()
 {
     if (isConnected()) {
-        m_socket->disconnectFromServer();
-        m_socket->abort();
-        companion::pause(kRestartPauseMs);
+        companion::drop(m_socket);
+        companion::pause(companion::kRestartPauseMs);
     }
-    launch();
+    companion::launch(kScript);
     companion::pause(kLaunchPauseMs);
-    for (int attempt = 1; attempt <= 3; ++attempt) {
-        m_socket->connectToServer(kServerName, QIODevice::ReadWrite);
-        m_socket->waitForConnected(companion::waitMs(kConnectWaitMs));
-        if (isConnected())
-            break;
-        companion::pause(kRestartPauseMs);
-        launch();
-    }
-    if (!isConnected()) {
+    if (!companion::connectAttempts(m_socket, kServerName, kScript)) {
         qDebug() << __LINE__ << __FUNCTION__ << "webbrowsersouthinterface" << "helper not reachable:" << m_socket->errorString();
         return false;
     }
@@ -67,10 +47,7 @@ bool Webbrowsersouthinterface::start()
 
 void Webbrowsersouthinterface::stopWeb()
 {
-    if (!isConnected())
-        return;
-    m_socket->disconnectFromServer();
-    m_socket->abort();
+    companion::drop(m_socket);
 }
 
 bool Webbrowsersouthinterface::writeInt(qint32 value)

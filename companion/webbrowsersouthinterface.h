@@ -33,7 +33,6 @@ private:
     explicit Webbrowsersouthinterface(QObject* parent);
     bool writeInt(qint32 value);
     bool writeText(const QString& text);
-    void launch();
 
     QLocalSocket* m_socket;
 };

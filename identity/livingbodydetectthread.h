@@ -19,5 +19,4 @@ protected:
 
 private:
     LivingBodyDetectThread();
-    int m_pending = 0;
 };

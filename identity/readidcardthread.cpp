@@ -3,8 +3,6 @@
 #include "dispatch/replies.h"
 #include "dispatch/threadowner.h"
 
-#include <QMutexLocker>
-
 #include <cstdlib>
 
 ReadIdCardThread* ReadIdCardThread::instance()
@@ -28,30 +26,16 @@ ReadIdCardThread::~ReadIdCardThread()
 
 void ReadIdCardThread::readCard()
 {
-    QMutexLocker lock(&m_mutex);
-    ++m_pending;
-    m_wait.wakeAll();
+    countRequest();
 }
 
 void ReadIdCardThread::run()
 {
-    QMutexLocker lock(&m_mutex);
-    while (m_running) {
-        // Sleep only while nothing is counted, so a request that came in during a read is
-        // served right after it rather than left for the next one.
-        if (m_pending <= 0) {
-            m_wait.wait(&m_mutex);
-            continue;
-        }
-        --m_pending;
-        // The lock is not held across the read: the dispatcher can count more requests
-        // meanwhile without waiting for the card.
-        lock.unlock();
+    runEach([] {
         char* text = ::sIDCardReader();
         const QByteArray message =
             reply::framed(QStringLiteral("sIDCardReader"), text ? QString::fromLatin1(text) : QString()).toLocal8Bit();
         std::free(text);
-        emit sig_msg(message);
-        lock.relock();
-    }
+        return message;
+    });
 }

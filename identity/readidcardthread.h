@@ -18,6 +18,4 @@ protected:
 
 private:
     ReadIdCardThread();
-
-    qint32 m_pending = 0;   // requests counted and not read yet; guarded by m_mutex
 };

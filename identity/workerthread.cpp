@@ -25,3 +25,26 @@ void WorkerThread::run()
         m_wait.wait(&m_mutex);
     }
 }
+
+void WorkerThread::countRequest()
+{
+    QMutexLocker lock(&m_mutex);
+    ++m_pending;
+    m_wait.wakeAll();
+}
+
+void WorkerThread::runEach(const std::function<QByteArray()>& job)
+{
+    QMutexLocker lock(&m_mutex);
+    while (m_running) {
+        if (m_pending <= 0) {
+            m_wait.wait(&m_mutex);
+            continue;
+        }
+        --m_pending;
+        lock.unlock();
+        const QByteArray message = job();
+        emit sig_msg(message);
+        lock.relock();
+    }
+}

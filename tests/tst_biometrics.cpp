@@ -10,6 +10,8 @@
 #include <QFile>
 #include <QLocalSocket>
 #include <QWidget>
+
+#include <algorithm>
 #include <QTest>
 
 #include <opencv2/imgcodecs.hpp>
@@ -225,9 +227,15 @@ private slots:
         // A still photo never blinks, so only the customer's close can end this one early.
         loadProfileText(QByteArray(R"({"camera":{"sources":{"4":{"type":"file","path":")")
                         + picture("hopper.jpg", "grace_hopper.jpg").toUtf8() + "\"}}}}");
+        const auto shown = [] {
+            const QWidgetList all = QApplication::topLevelWidgets();
+            const auto it = std::find_if(all.begin(), all.end(), [](QWidget* w) { return w->isVisible(); });
+            return it == all.end() ? nullptr : *it;
+        };
+        QTRY_VERIFY(!shown());   // the passed check's window has gone
         DemoUIShow(5, onResult);
-        QTRY_VERIFY(!QApplication::topLevelWidgets().isEmpty() && QApplication::topLevelWidgets().first()->isVisible());
-        QApplication::topLevelWidgets().first()->close();
+        QTRY_VERIFY(shown());
+        shown()->close();
         QTRY_VERIFY_WITH_TIMEOUT(g_events->has(2), 3000);
         QCOMPARE(g_events->at(1), QByteArray("window 2"));
 

@@ -510,28 +510,44 @@ int timeoutMs()
     return qBound(100, int(profileNumber(QStringLiteral("pcsc.timeoutMs"), 5000)), 60000);
 }
 
-Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why)
+namespace {
+
+// Runs work on the reader's card within ms, work getting a transmit function and the outcome to
+// fill. A reader or card error, on connecting or during the work, is what the outcome says.
+template <class Work>
+Outcome withCard(const QString& reader, int ms, Work work)
 {
     const QByteArray name = reader.toUtf8();
-    const Outcome o = bounded<Outcome>(ms, [name] {
+    return bounded<Outcome>(ms, [name, work] {
         Outcome out;
         Session session;
         LONG rv = session.connect(name);
-        if (rv != SCARD_S_SUCCESS) {
+        if (rv == SCARD_S_SUCCESS) {
+            out.why.clear();
+            work([&](const QByteArray& c) { return session.transmit(c, &rv); }, out);
+        }
+        if (rv != SCARD_S_SUCCESS && out.failure != Failure::None) {
             out.failure = failureOf(rv);
             out.why = errorText(rv);
-            return out;
         }
-        const QByteArray r = exchange([&](const QByteArray& c) { return session.transmit(c, &rv); }, QByteArray::fromHex("FFCA000000"));
+        return out;
+    }, Outcome{});
+}
+
+}  // namespace
+
+Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why)
+{
+    const Outcome o = withCard(reader, ms, [](const auto& transmit, Outcome& out) {
+        const QByteArray r = exchange(transmit, QByteArray::fromHex("FFCA000000"));
         if (statusOf(r) != 0x9000 || r.size() < 6 || r.size() > 12) {
-            out.failure = rv != SCARD_S_SUCCESS ? failureOf(rv) : Failure::ReadError;
-            out.why = rv != SCARD_S_SUCCESS ? errorText(rv) : QStringLiteral("GET DATA answered %1 bytes: %2").arg(r.size()).arg(QString::fromLatin1(r.left(16).toHex()));
-            return out;
+            out.failure = Failure::ReadError;
+            out.why = QStringLiteral("GET DATA answered %1 bytes: %2").arg(r.size()).arg(QString::fromLatin1(r.left(16).toHex()));
+            return;
         }
         out.failure = Failure::None;
         out.uid = r.chopped(2);
-        return out;
-    }, Outcome{});
+    });
     *uid = o.uid;
     *why = o.why;
     return o.failure;
@@ -539,24 +555,9 @@ Failure readUid(const QString& reader, int ms, QByteArray* uid, QString* why)
 
 Failure readBankCard(const QString& reader, int ms, BankCard* card, QString* why)
 {
-    const QByteArray name = reader.toUtf8();
-    const Outcome o = bounded<Outcome>(ms, [name] {
-        Outcome out;
-        Session session;
-        LONG rv = session.connect(name);
-        if (rv != SCARD_S_SUCCESS) {
-            out.failure = failureOf(rv);
-            out.why = errorText(rv);
-            return out;
-        }
-        out.why.clear();
-        out.failure = readEmv([&](const QByteArray& c) { return session.transmit(c, &rv); }, &out.card, &out.why);
-        if (out.failure != Failure::None && rv != SCARD_S_SUCCESS) {
-            out.failure = failureOf(rv);
-            out.why = errorText(rv);
-        }
-        return out;
-    }, Outcome{});
+    const Outcome o = withCard(reader, ms, [](const auto& transmit, Outcome& out) {
+        out.failure = readEmv(transmit, &out.card, &out.why);
+    });
     *card = o.card;
     *why = o.why;
     return o.failure;

@@ -3,6 +3,7 @@
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/face/faceengine.h"
 #include "devicelib/portable/face/livenesswindow.h"
+#include "devicelib/portable/jobs.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -24,65 +25,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// ---------------------------------------------------------------------------------------------
-// The module's threads: each session runs on one, and all are told to stop and joined when
-// the profile is replaced or the application object goes.
-class Jobs {
-public:
-    using Body = std::function<void(const std::atomic<bool>& stop)>;
-
-    void start(Body body)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        reapLocked();
-        auto job = std::make_unique<Job>();
-        Job* j = job.get();
-        j->thread = std::thread([j, body = std::move(body)] {
-            body(j->stop);
-            j->done = true;
-        });
-        m_jobs.push_back(std::move(job));
-    }
-
-    void stopAll()
-    {
-        std::list<std::unique_ptr<Job>> jobs;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            jobs.swap(m_jobs);
-        }
-        for (auto& j : jobs)
-            j->stop = true;
-        for (auto& j : jobs)
-            if (j->thread.joinable())
-                j->thread.join();
-    }
-
-private:
-    struct Job {
-        std::thread thread;
-        std::atomic<bool> stop{false};
-        std::atomic<bool> done{false};
-    };
-
-    void reapLocked()
-    {
-        for (auto it = m_jobs.begin(); it != m_jobs.end();) {
-            if ((*it)->done) {
-                (*it)->thread.join();
-                it = m_jobs.erase(it);
-            } else {
-                ++it;
-            }
-        }
-    }
-
-    std::mutex m_mutex;
-    std::list<std::unique_ptr<Job>> m_jobs;
-};
-
 void stopJobs();
 
+// Each session runs on a thread of the module's own.
 Jobs& jobs()
 {
     static Jobs* const j = [] {

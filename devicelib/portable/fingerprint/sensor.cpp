@@ -9,6 +9,7 @@
 #include "devicelib/biometrics.h"
 #include "devicelib/portable/core.h"
 #include "devicelib/portable/fingerprint/fingerprint.h"
+#include "devicelib/portable/jobs.h"
 
 #include <QAbstractEventDispatcher>
 #include <QBuffer>
@@ -244,54 +245,10 @@ Capture withLibfprint(int timeoutMs, const std::atomic<bool>& stop)
 }
 
 // The capture threads, stopped and joined when the profile is replaced or the program ends.
-class Captures {
-public:
-    void start(std::function<void(const std::atomic<bool>&)> body)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (auto it = m_jobs.begin(); it != m_jobs.end();) {
-            if ((*it)->done) {
-                (*it)->thread.join();
-                it = m_jobs.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        auto job = std::make_unique<Job>();
-        Job* j = job.get();
-        j->thread = std::thread([j, body = std::move(body)] {
-            body(j->stop);
-            j->done = true;
-        });
-        m_jobs.push_back(std::move(job));
-    }
-    void stopAll()
-    {
-        std::list<std::unique_ptr<Job>> jobs;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            jobs.swap(m_jobs);
-        }
-        for (auto& j : jobs)
-            j->stop = true;
-        for (auto& j : jobs)
-            j->thread.join();
-    }
-
-private:
-    struct Job {
-        std::thread thread;
-        std::atomic<bool> stop{false};
-        std::atomic<bool> done{false};
-    };
-    std::mutex m_mutex;
-    std::list<std::unique_ptr<Job>> m_jobs;
-};
-
-Captures& captures()
+Jobs& captures()
 {
-    static Captures* const c = [] {
-        auto* created = new Captures;
+    static Jobs* const c = [] {
+        auto* created = new Jobs;
         addResetHook([created] { created->stopAll(); });
         qAddPostRoutine([] { captures().stopAll(); });
         return created;
