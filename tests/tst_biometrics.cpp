@@ -9,14 +9,13 @@
 #include <QApplication>
 #include <QFile>
 #include <QLocalSocket>
-#include <QWidget>
-
-#include <algorithm>
 #include <QTest>
+#include <QWidget>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
