@@ -148,6 +148,32 @@ private slots:
         QVERIFY(log.contains("was removed"));
     }
 
+    // A recording cut off (a power cut, a killed server) plays up to where it got to: a copy
+    // of the file taken while it records is what such a cut leaves.
+    void cutShort_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("avi") << "cut.avi";
+        QTest::newRow("mkv") << "cut.mkv";
+        QTest::newRow("mp4") << "cut.mp4";
+    }
+    void cutShort()
+    {
+        QFETCH(QString, file);
+        const QString path = m_dir.filePath(file), cut = m_dir.filePath("cut-" + file);
+        vSetRecSize(320, 240);
+        QVERIFY(bStartPlay(0));
+        QVERIFY(bStartRecMp3(path.toUtf8().constData()));
+        QTest::qWait(4000);
+        QVERIFY(QFile::copy(path, cut));
+        QProcess p;
+        p.start("ffprobe", {"-v", "error", "-select_streams", "v", "-count_packets", "-show_entries", "stream=nb_read_packets",
+                            "-of", "csv=p=0", cut});
+        QVERIFY(p.waitForFinished(10000));
+        const int packets = p.readAllStandardOutput().trimmed().toInt();
+        QVERIFY2(packets > 0, qPrintable(QString::number(packets)));
+    }
+
     // A disk that fills: the file is closed where it got to and the recording ends by itself.
     void diskFull()
     {

@@ -77,6 +77,15 @@ public:
         if (err < 0)
             return fail(why, QStringLiteral("the file cannot be created (%1)").arg(avError(err)));
         AVDictionary* options = nullptr;
+        // An MP4 normally keeps its index in a trailer: a recording cut off by a full disk or a
+        // power cut would not play at all. Written in fragments of at most 2 s (one per group
+        // of pictures, and sooner when frames were dropped), it plays up to the last whole one.
+        if (qstrcmp(m_fmt->oformat->name, "mp4") == 0) {
+            av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
+            av_dict_set(&options, "frag_duration", "2000000", 0);
+        }
+        // What is written reaches the file at once, not when an output buffer fills.
+        m_fmt->flush_packets = 1;
         const int head = avformat_write_header(m_fmt, &options);
         av_dict_free(&options);
         if (head < 0)
