@@ -135,7 +135,8 @@ private slots:
         row("AutoLivingBody()", "{\"AutoLivingBody\":[{\"ret\":true,\"cb\":[[\"QUJD\",4,0],[\"{'live':true}!\",13,1],[\"x\",1,7]]}]}",
             {"BeginAutoLivingBodytrueEndAutoLivingBody", "*QUJD", "*BeginAfterbLivingBodyDetectEvent2{'live':true}EndAfterbLivingBodyDetectEvent2"},
             {"AutoLivingBody(\"<fn>\")", "AutoLivingBody.cb(\"QUJD\",4,0)", "AutoLivingBody.cb(\"{'live':true}!\",13,1)", "AutoLivingBody.cb(\"x\",1,7)"});
-        row("CloseLivingBody()", "{}", {"*BeginCloseLivingBodytrueEndCloseLivingBody"}, {R"(CloseLivingBody("<fn>"))", "CloseLivingBody.cb()"});
+        row("CloseLivingBody()", R"({"CloseLivingBody":[{"cb":[[]]}]})", {"*BeginCloseLivingBodytrueEndCloseLivingBody"},
+            {R"(CloseLivingBody("<fn>"))", "CloseLivingBody.cb()"});
         row("ShowLivingBodyPage()", R"({"DemoUIShow":[{"cb":[[2]]}]})", {"BeginShowLivingBodyPagefalseEndShowLivingBodyPage"},
             {R"(DemoUIShow(0,"<fn>"))", "DemoUIShow.cb(2)"});
         row("ShowLivingBodyPage()", R"({"DemoUIShow":[{"cb":[[1]]}]})", {"BeginShowLivingBodyPagetrueEndShowLivingBodyPage"},
