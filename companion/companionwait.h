@@ -1,4 +1,5 @@
-// The companion clients block the main thread in waits and pauses of fixed lengths. A test
+// What both companion clients share: their launch, probe and connection attempts, and the
+// waits and pauses of fixed lengths in which they block the main thread. A test
 // shortens them with RVO_COMPANION_WAIT_MS (read once, at the first wait); a counter terminal
 // never sets it and gets the full lengths.
 #pragma once
